@@ -1,0 +1,69 @@
+/*
+ * pkey_types.h - types, values and the status code shared by every pkey module.
+ *
+ * Every exported function of libpkey either returns 0 for success and
+ * PKEY_ERR_FAILED for failure, returns a newly allocated object that the
+ * caller owns (or NULL), or is a predicate returning 1 or 0. Keys handed out
+ * are OpenSSL EVP_PKEY objects freed with EVP_PKEY_free; buffers and texts
+ * are allocated with malloc and freed with free, unless a header names a
+ * matching destroy function.
+ */
+#ifndef PKEY_TYPES_H
+#define PKEY_TYPES_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Marks a function that libpkey.so exports; everything else is hidden. */
+#if defined(__GNUC__)
+#define PKEY_API __attribute__((visibility("default")))
+#else
+#define PKEY_API
+#endif
+
+/* The library's one failure status. */
+#define PKEY_ERR_FAILED 0x40010001U
+
+/* pkey alg id: the library's own algorithm number. 4 or more is unsupported. */
+#define PKEY_ALG_RESERVE 0U
+#define PKEY_ALG_RSA 1U
+#define PKEY_ALG_DSA 2U
+#define PKEY_ALG_ECDSA 3U
+#define PKEY_ALG_UNSUPPORTED 4U
+
+/* key kind: the use of a local key. Kind 0 names a file of the public key directory. */
+#define PKEY_KEY_PUBLIC 0U
+#define PKEY_KEY_SERVER 64U
+#define PKEY_KEY_HOST 128U
+
+/* Curves by OpenSSL NID; no other curve is accepted anywhere. */
+#define PKEY_NID_P192 409
+#define PKEY_NID_P256 415
+#define PKEY_NID_P384 715
+#define PKEY_NID_P521 716
+
+/* Every key store path is built in a buffer of this size and cut silently. */
+#define PKEY_PATH_LEN 512U
+
+/* Longest local key name kept in a record, and the name field sizes. */
+#define PKEY_KEY_NAME_MAX 64U
+#define PKEY_KEYGEN_NAME_LEN 68U
+
+/*
+ * Key generation request: what PKEY_LOCAL_GenerateKey creates and
+ * PKEY_LOCAL_DestroyKey destroys. The layout is fixed (84 bytes).
+ */
+typedef struct tagPKEY_KEYGEN_REQ {
+    unsigned int uiAlgId;                  /* pkey alg id: 1 RSA, 2 DSA, 3 ECDSA */
+    unsigned int uiKeyBits;                /* RSA or DSA size; ignored for ECDSA */
+    unsigned int uiReserved;               /* filled by callers, never read */
+    char szKeyName[PKEY_KEYGEN_NAME_LEN];  /* NUL-terminated; "" is the default key */
+    unsigned int uiCurveNid;               /* ECDSA curve; ignored for RSA and DSA */
+} PKEY_KEYGEN_REQ_S;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* PKEY_TYPES_H */

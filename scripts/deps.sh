@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing pkey need, when they
+# are missing. Run as root on a fresh machine; otherwise it names what to install.
+set -euo pipefail
+
+packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "deps: missing packages: ${missing[*]}" >&2
+  echo "deps: run 'sudo apt-get install ${missing[*]}' or run this as root" >&2
+  exit 1
+fi
+
+echo "deps: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"
