@@ -1,0 +1,241 @@
+// host_cipher.cpp - the key-file cipher: AES-256-SIV under the store's device key.
+//
+// Region layout written by PKEY_Encrypt:
+//   byte 0       format version (1)
+//   bytes 1-2    plain length, big-endian
+//   bytes 3-18   SIV tag
+//   bytes 19..   ciphertext, as long as the plaintext
+// The three header bytes are authenticated as associated data, so neither the
+// version nor the length can be changed without the tag failing. SIV is
+// deterministic: the same plaintext under the same key gives the same region,
+// which is what a cipher without a stored nonce must accept.
+//
+// The device key is 64 random bytes in <root>/device.key (mode 0600), made by
+// the first process that needs it. It is written to a temporary file and then
+// link()ed to its name, so a racing process either wins or finds a complete
+// key: there is never a half-written device.key.
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "host_internal.hpp"
+#include "pkey_platform.h"
+#include "pkey_util.hpp"
+
+namespace pkey::host {
+namespace {
+
+using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, FnDeleter<EVP_CIPHER_CTX_free>>;
+
+struct KeyCache {
+    std::uint64_t generation = 0;
+    SecureBuffer key;  // kDeviceKeyLen bytes once loaded
+};
+
+std::mutex g_key_mutex;
+KeyCache g_key;  // guarded by g_key_mutex
+
+// Fetched once and kept for the life of the process.
+const EVP_CIPHER *siv_cipher() {
+    static EVP_CIPHER *const cipher = EVP_CIPHER_fetch(nullptr, "AES-256-SIV", nullptr);
+    return cipher;
+}
+
+bool read_all(int fd, unsigned char *buf, std::size_t len) {
+    std::size_t done = 0;
+    while (done < len) {
+        ssize_t n = ::read(fd, buf + done, len - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool write_all(int fd, const unsigned char *buf, std::size_t len) {
+    std::size_t done = 0;
+    while (done < len) {
+        ssize_t n = ::write(fd, buf + done, len - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+enum class KeyFile { kLoaded, kMissing, kBroken };
+
+KeyFile read_key_file(const std::string &path, SecureBuffer &key) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return errno == ENOENT ? KeyFile::kMissing : KeyFile::kBroken;
+    struct stat st {};
+    SecureBuffer buf(kDeviceKeyLen);
+    const bool ok = buf && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                    st.st_size == static_cast<off_t>(kDeviceKeyLen) &&
+                    read_all(fd, buf.data(), kDeviceKeyLen);
+    ::close(fd);
+    if (!ok) return KeyFile::kBroken;
+    key = std::move(buf);
+    return KeyFile::kLoaded;
+}
+
+// Makes a new device key and publishes it under path unless another process
+// got there first, in which case that process's key is used.
+bool create_key_file(const std::string &root, const std::string &path, SecureBuffer &key) {
+    SecureBuffer fresh(kDeviceKeyLen);
+    if (!fresh || RAND_priv_bytes(fresh.data(), kDeviceKeyLen) != 1) return false;
+
+    std::string temp = root + "/.device.key.XXXXXX";
+    int fd = ::mkostemp(temp.data(), O_CLOEXEC);  // mode 0600
+    if (fd < 0) return false;
+    const bool written = ::fchmod(fd, 0600) == 0 && write_all(fd, fresh.data(), kDeviceKeyLen) &&
+                         ::fsync(fd) == 0;
+    ::close(fd);
+    if (!written) {
+        ::unlink(temp.c_str());
+        return false;
+    }
+    const int linked = ::link(temp.c_str(), path.c_str());
+    const int link_errno = errno;
+    ::unlink(temp.c_str());
+    if (linked == 0) {
+        int dirfd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dirfd >= 0) {
+            (void)::fsync(dirfd);
+            ::close(dirfd);
+        }
+        key = std::move(fresh);
+        return true;
+    }
+    return link_errno == EEXIST && read_key_file(path, key) == KeyFile::kLoaded;
+}
+
+// The device key of the current store, loaded or made on first use. Caller
+// holds g_key_mutex; NULL when there is no usable key.
+const unsigned char *device_key_locked() {
+    StoreRef store = current_store();
+    if (store.root.empty()) return nullptr;
+    if (g_key.key && g_key.generation == store.generation) return g_key.key.data();
+    g_key.key.reset();
+    const std::string path = store.root + "/device.key";
+    SecureBuffer key;
+    switch (read_key_file(path, key)) {
+        case KeyFile::kLoaded:
+            break;
+        case KeyFile::kMissing:
+            if (!create_key_file(store.root, path, key)) return nullptr;
+            break;
+        case KeyFile::kBroken:
+            return nullptr;  // never replace a key that enciphered existing files
+    }
+    g_key.key = std::move(key);
+    g_key.generation = store.generation;
+    return g_key.key.data();
+}
+
+unsigned int encrypt(unsigned int inLen, const unsigned char *in, unsigned int outCap,
+                     unsigned char *out) {
+    if (in == nullptr || out == nullptr || inLen == 0) return kCipherErrParam;
+    if (inLen > kCipherMaxPlain) return kCipherErrTooLong;
+    if (outCap < inLen + PKEY_CIPHER_OVERHEAD) return kCipherErrSpace;
+    const EVP_CIPHER *cipher = siv_cipher();
+    if (cipher == nullptr) return kCipherErrCrypto;
+
+    unsigned char header[kCipherHeaderLen] = {kCipherVersion, 0, 0};
+    store_be16(header + 1, static_cast<std::uint16_t>(inLen));
+    unsigned char tag[kCipherTagLen];
+    // The caller's input may overlap its output: encipher into a buffer of our own.
+    SecureBuffer sealed(inLen);
+    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+    if (!sealed || !ctx) return kCipherErrCrypto;
+    int n = 0;
+    int fin = 0;
+    {
+        std::lock_guard lock(g_key_mutex);
+        const unsigned char *key = device_key_locked();
+        if (key == nullptr) return kCipherErrKey;
+        if (EVP_EncryptInit_ex2(ctx.get(), cipher, key, nullptr, nullptr) != 1)
+            return kCipherErrCrypto;
+    }
+    if (EVP_EncryptUpdate(ctx.get(), nullptr, &n, header, kCipherHeaderLen) != 1 ||
+        EVP_EncryptUpdate(ctx.get(), sealed.data(), &n, in, static_cast<int>(inLen)) != 1 ||
+        EVP_EncryptFinal_ex(ctx.get(), sealed.data() + n, &fin) != 1 ||
+        static_cast<unsigned int>(n + fin) != inLen ||
+        EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_GET_TAG, kCipherTagLen, tag) != 1)
+        return kCipherErrCrypto;
+
+    std::memcpy(out, header, kCipherHeaderLen);
+    std::memcpy(out + kCipherHeaderLen, tag, kCipherTagLen);
+    std::memmove(out + PKEY_CIPHER_OVERHEAD, sealed.data(), inLen);
+    return 0;
+}
+
+unsigned int decrypt(unsigned int inLen, const unsigned char *in, unsigned int outCap,
+                     unsigned char *out) {
+    if (in == nullptr || out == nullptr || inLen < PKEY_CIPHER_OVERHEAD) return 0;
+    if (in[0] != kCipherVersion) return 0;
+    const unsigned int plainLen = load_be16(in + 1);
+    if (plainLen == 0 || plainLen > inLen - PKEY_CIPHER_OVERHEAD || plainLen > outCap) return 0;
+    const EVP_CIPHER *cipher = siv_cipher();
+    if (cipher == nullptr) return 0;
+
+    unsigned char header[kCipherHeaderLen];
+    unsigned char tag[kCipherTagLen];
+    std::memcpy(header, in, kCipherHeaderLen);
+    std::memcpy(tag, in + kCipherHeaderLen, kCipherTagLen);
+    // Plaintext is released only after the tag checked out; out may overlap in.
+    SecureBuffer plain(plainLen);
+    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+    if (!plain || !ctx) return 0;
+    {
+        std::lock_guard lock(g_key_mutex);
+        const unsigned char *key = device_key_locked();
+        if (key == nullptr) return 0;
+        if (EVP_DecryptInit_ex2(ctx.get(), cipher, key, nullptr, nullptr) != 1) return 0;
+    }
+    int n = 0;
+    int fin = 0;
+    if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_AEAD_SET_TAG, kCipherTagLen, tag) != 1 ||
+        EVP_DecryptUpdate(ctx.get(), nullptr, &n, header, kCipherHeaderLen) != 1 ||
+        EVP_DecryptUpdate(ctx.get(), plain.data(), &n, in + PKEY_CIPHER_OVERHEAD,
+                          static_cast<int>(plainLen)) != 1 ||
+        EVP_DecryptFinal_ex(ctx.get(), plain.data() + n, &fin) != 1 ||
+        static_cast<unsigned int>(n + fin) != plainLen)
+        return 0;
+    std::memcpy(out, plain.data(), plainLen);
+    return plainLen;
+}
+
+}  // namespace
+
+void cipher_drop() noexcept {
+    std::lock_guard lock(g_key_mutex);
+    g_key.key.reset();
+    g_key.generation = 0;
+}
+
+}  // namespace pkey::host
+
+extern "C" unsigned int PKEY_Encrypt(unsigned int inLen, const void *in, unsigned int outCap,
+                                     void *out) {
+    return pkey::c_boundary(pkey::host::kCipherErrCrypto, [&] {
+        return pkey::host::encrypt(inLen, static_cast<const unsigned char *>(in), outCap,
+                                   static_cast<unsigned char *>(out));
+    });
+}
+
+extern "C" unsigned int PKEY_Decrypt(unsigned int inLen, const void *in, unsigned int outCap,
+                                     void *out) {
+    return pkey::c_boundary(0U, [&] {
+        return pkey::host::decrypt(inLen, static_cast<const unsigned char *>(in), outCap,
+                                   static_cast<unsigned char *>(out));
+    });
+}

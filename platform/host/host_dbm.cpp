@@ -1,0 +1,402 @@
+// host_dbm.cpp - the configuration database on SQLite.
+//
+// Each database name is one file, <root>/db/<name>.db, holding one rowid table
+//   records(key BLOB NOT NULL UNIQUE, type INTEGER NOT NULL, value BLOB NOT NULL)
+// so "table order" is rowid order; replacing a value is an UPSERT that keeps
+// the row. The file is in WAL mode with a long busy timeout, so several
+// processes can read and write at once without spurious busy errors, and every
+// statement runs in autocommit: a write is visible to every process as soon as
+// the call returns.
+//
+// Opening SQLite costs far more than a lookup, so a process keeps one
+// connection per database (with its prepared statements) from the first
+// DBM_Open until the store changes. Handles are small integers that name a
+// database and an open mode; DBM_Close only forgets the handle. A child made
+// by fork() must not touch its parent's connections: it forgets them without
+// closing them and opens its own.
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host_internal.hpp"
+#include "pkey_platform.h"
+#include "pkey_util.hpp"
+
+namespace pkey::host {
+namespace {
+
+constexpr int kBusyTimeoutMs = 30000;
+constexpr std::size_t kMaxDbNameLen = 128;
+constexpr int kAllModes = DBM_MODE_READ | DBM_MODE_DELETE | DBM_MODE_WRITE;
+
+enum Stmt { kLen, kGet, kSet, kDelete, kCount, kList, kStmtCount };
+
+constexpr const char *kStmtSql[kStmtCount] = {
+    "SELECT length(value) FROM records WHERE key = ?1",
+    "SELECT value FROM records WHERE key = ?1",
+    "INSERT INTO records(key, type, value) VALUES (?1, ?2, ?3) "
+    "ON CONFLICT(key) DO UPDATE SET type = excluded.type, value = excluded.value",
+    "DELETE FROM records WHERE key = ?1",
+    "SELECT count(*) FROM records WHERE type = ?1",
+    "SELECT key FROM records WHERE type = ?1 ORDER BY rowid LIMIT ?2",
+};
+
+constexpr const char *kSchemaSql =
+    "CREATE TABLE IF NOT EXISTS records("
+    "key BLOB NOT NULL UNIQUE, type INTEGER NOT NULL, value BLOB NOT NULL)";
+
+// SQLite wants a non-NULL pointer to bind an empty blob rather than NULL.
+const unsigned char kEmpty[1] = {0};
+
+class Connection {
+public:
+    Connection() = default;
+    ~Connection() {
+        for (sqlite3_stmt *&s : stmts_) sqlite3_finalize(s);
+        if (db_ != nullptr) sqlite3_close_v2(db_);
+    }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+
+    bool open(const std::string &path) {
+        if (sqlite3_open_v2(path.c_str(), &db_,
+                            SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                            nullptr) != SQLITE_OK)
+            return false;
+        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        return exec("PRAGMA journal_mode=WAL") && exec("PRAGMA synchronous=NORMAL") &&
+               exec(kSchemaSql);
+    }
+
+    // The prepared statement, made on first use; NULL when SQLite refuses it.
+    sqlite3_stmt *stmt(Stmt which) {
+        if (stmts_[which] == nullptr &&
+            sqlite3_prepare_v3(db_, kStmtSql[which], -1, SQLITE_PREPARE_PERSISTENT, &stmts_[which],
+                               nullptr) != SQLITE_OK)
+            stmts_[which] = nullptr;
+        return stmts_[which];
+    }
+
+    sqlite3 *db() const { return db_; }
+
+private:
+    bool exec(const char *sql) {
+        // The busy handler covers most contention; a statement that still
+        // reports busy (as journal-mode changes can) is simply run again.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+        for (;;) {
+            const int rc = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
+            if (rc == SQLITE_OK) return true;
+            if ((rc & 0xFF) != SQLITE_BUSY && (rc & 0xFF) != SQLITE_LOCKED) return false;
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            ::usleep(1000);
+        }
+    }
+
+    sqlite3 *db_ = nullptr;
+    sqlite3_stmt *stmts_[kStmtCount] = {};
+};
+
+// Resets a statement (ending its read snapshot) and clears its bindings when it goes.
+class StmtUse {
+public:
+    explicit StmtUse(sqlite3_stmt *s) noexcept : s_(s) {}
+    ~StmtUse() {
+        if (s_ != nullptr) {
+            sqlite3_reset(s_);
+            sqlite3_clear_bindings(s_);
+        }
+    }
+    StmtUse(const StmtUse &) = delete;
+    StmtUse &operator=(const StmtUse &) = delete;
+
+    // One step; a busy result that got past the busy handler is retried.
+    int step() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+        for (;;) {
+            const int rc = sqlite3_step(s_);
+            if ((rc & 0xFF) != SQLITE_BUSY && (rc & 0xFF) != SQLITE_LOCKED) return rc;
+            if (std::chrono::steady_clock::now() > deadline) return rc;
+            sqlite3_reset(s_);
+            ::usleep(1000);
+        }
+    }
+
+private:
+    sqlite3_stmt *s_;
+};
+
+struct Handle {
+    std::string db_name;
+    int mode = 0;
+};
+
+struct DbmState {
+    pid_t pid = 0;
+    std::uint64_t generation = 0;
+    std::string root;
+    std::map<std::string, std::unique_ptr<Connection>> connections;
+    std::map<int, Handle> handles;
+    int next_handle = 1;
+};
+
+std::mutex g_dbm_mutex;
+DbmState g_dbm;  // guarded by g_dbm_mutex
+
+// Brings the cache in line with the current store and process. Caller holds g_dbm_mutex.
+bool sync_state() {
+    StoreRef store = current_store();
+    if (store.root.empty()) return false;
+    const pid_t pid = ::getpid();
+    if (g_dbm.pid != pid) {
+        // Inherited through fork(): the parent still uses these, so leave them be.
+        for (auto &entry : g_dbm.connections) (void)entry.second.release();
+        g_dbm.connections.clear();
+        g_dbm.pid = pid;
+    }
+    if (g_dbm.generation != store.generation) {
+        g_dbm.connections.clear();
+        g_dbm.handles.clear();
+        g_dbm.generation = store.generation;
+        g_dbm.root = store.root;
+    }
+    return true;
+}
+
+Connection *connection_for(const std::string &db_name) {
+    auto it = g_dbm.connections.find(db_name);
+    if (it != g_dbm.connections.end()) return it->second.get();
+    const std::string dir = g_dbm.root + "/db";
+    if (::mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST) return nullptr;
+    auto conn = std::make_unique<Connection>();
+    if (!conn->open(dir + "/" + db_name + ".db")) return nullptr;
+    return g_dbm.connections.emplace(db_name, std::move(conn)).first->second.get();
+}
+
+bool valid_db_name(const char *name) {
+    if (name == nullptr) return false;
+    const std::size_t len = ::strnlen(name, kMaxDbNameLen + 1);
+    if (len == 0 || len > kMaxDbNameLen) return false;
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) return false;
+    for (std::size_t i = 0; i < len; ++i) {
+        const auto c = static_cast<unsigned char>(name[i]);
+        if (c == '/' || c < 0x20 || c == 0x7F) return false;
+    }
+    return true;
+}
+
+// What an operation works on: a connection and the handle's mode.
+struct Target {
+    Connection *conn = nullptr;
+    int mode = 0;
+};
+
+// Resolves a handle. Caller holds g_dbm_mutex.
+bool resolve(int handle, Target &t) {
+    if (!sync_state()) return false;
+    auto it = g_dbm.handles.find(handle);
+    if (it == g_dbm.handles.end()) return false;
+    t.mode = it->second.mode;
+    t.conn = connection_for(it->second.db_name);
+    return t.conn != nullptr;
+}
+
+void bind_key(sqlite3_stmt *s, const char *key, unsigned int keyLen) {
+    sqlite3_bind_blob(s, 1, keyLen == 0 ? static_cast<const void *>(kEmpty) : key,
+                      static_cast<int>(keyLen), SQLITE_STATIC);
+}
+
+bool key_ok(const char *key, unsigned int keyLen) {
+    return (key != nullptr || keyLen == 0) && keyLen <= static_cast<unsigned int>(INT32_MAX);
+}
+
+// Key texts of one listing, in one buffer that the entries point into.
+struct KeyIterator {
+    std::vector<char> bytes;
+};
+
+}  // namespace
+
+void dbm_drop() noexcept {
+    std::lock_guard lock(g_dbm_mutex);
+    if (g_dbm.pid == ::getpid()) {
+        g_dbm.connections.clear();
+    } else {
+        for (auto &entry : g_dbm.connections) (void)entry.second.release();
+        g_dbm.connections.clear();
+    }
+    g_dbm.handles.clear();
+    g_dbm.generation = 0;
+}
+
+}  // namespace pkey::host
+
+using namespace pkey::host;
+
+extern "C" {
+
+int DBM_Open(const char *dbName, const char *tableName, int mode, const DBM_OPEN_OPTIONS_S *options,
+             int *handle) {
+    (void)options;
+    return pkey::c_boundary(DBM_ERR_IO, [&] {
+        if (!valid_db_name(dbName) || tableName == nullptr || handle == nullptr ||
+            mode <= 0 || (mode & ~kAllModes) != 0)
+            return DBM_ERR_PARAM;
+        std::lock_guard lock(g_dbm_mutex);
+        if (!sync_state() || connection_for(dbName) == nullptr) return DBM_ERR_IO;
+        int h = g_dbm.next_handle;
+        while (g_dbm.handles.count(h) != 0 || h <= 0) h = h <= 0 ? 1 : h + 1;
+        g_dbm.next_handle = h == INT32_MAX ? 1 : h + 1;
+        g_dbm.handles.emplace(h, Handle{dbName, mode});
+        *handle = h;
+        return DBM_OK;
+    });
+}
+
+int DBM_Close(int handle) {
+    return pkey::c_boundary(DBM_ERR_IO, [&] {
+        std::lock_guard lock(g_dbm_mutex);
+        return g_dbm.handles.erase(handle) != 0 ? DBM_OK : DBM_ERR_PARAM;
+    });
+}
+
+int DBM_Len(int handle, const char *key, unsigned int keyLen) {
+    return pkey::c_boundary(-1, [&] {
+        if (!key_ok(key, keyLen)) return -1;
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t) || (t.mode & DBM_MODE_READ) == 0) return -1;
+        sqlite3_stmt *s = t.conn->stmt(kLen);
+        if (s == nullptr) return -1;
+        StmtUse use(s);
+        bind_key(s, key, keyLen);
+        if (use.step() != SQLITE_ROW) return -1;
+        return sqlite3_column_int(s, 0);
+    });
+}
+
+int DBM_GetBinary(int handle, const char *key, unsigned int keyLen, unsigned int offset,
+                  unsigned int size, void *buf) {
+    return pkey::c_boundary(-1, [&] {
+        if (!key_ok(key, keyLen) || (buf == nullptr && size != 0)) return -1;
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t) || (t.mode & DBM_MODE_READ) == 0) return -1;
+        sqlite3_stmt *s = t.conn->stmt(kGet);
+        if (s == nullptr) return -1;
+        StmtUse use(s);
+        bind_key(s, key, keyLen);
+        if (use.step() != SQLITE_ROW) return -1;
+        const auto *value = static_cast<const unsigned char *>(sqlite3_column_blob(s, 0));
+        const auto len = static_cast<unsigned int>(sqlite3_column_bytes(s, 0));
+        if (value == nullptr || offset >= len) return 0;
+        const unsigned int n = std::min(size, len - offset);
+        std::memcpy(buf, value + offset, n);
+        return static_cast<int>(n);
+    });
+}
+
+int DBM_SetBinary(int handle, const char *key, unsigned int keyLen, int offset, unsigned int len,
+                  const void *value, unsigned int valueType) {
+    return pkey::c_boundary(DBM_ERR_IO, [&] {
+        if (!key_ok(key, keyLen) || (value == nullptr && len != 0) ||
+            len > static_cast<unsigned int>(INT32_MAX) || (offset != -1 && offset != 0))
+            return DBM_ERR_PARAM;
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t)) return DBM_ERR_PARAM;
+        if ((t.mode & DBM_MODE_WRITE) == 0) return DBM_ERR_DENIED;
+        sqlite3_stmt *s = t.conn->stmt(kSet);
+        if (s == nullptr) return DBM_ERR_IO;
+        StmtUse use(s);
+        bind_key(s, key, keyLen);
+        sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(valueType));
+        sqlite3_bind_blob(s, 3, len == 0 ? static_cast<const void *>(kEmpty) : value,
+                          static_cast<int>(len), SQLITE_STATIC);
+        return use.step() == SQLITE_DONE ? DBM_OK : DBM_ERR_IO;
+    });
+}
+
+int DBM_DeleteKey(int handle, const char *key, unsigned int keyLen) {
+    return pkey::c_boundary(DBM_ERR_IO, [&] {
+        if (!key_ok(key, keyLen)) return DBM_ERR_PARAM;
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t)) return DBM_ERR_PARAM;
+        if ((t.mode & DBM_MODE_DELETE) == 0) return DBM_ERR_DENIED;
+        sqlite3_stmt *s = t.conn->stmt(kDelete);
+        if (s == nullptr) return DBM_ERR_IO;
+        StmtUse use(s);
+        bind_key(s, key, keyLen);
+        if (use.step() != SQLITE_DONE) return DBM_ERR_IO;
+        return sqlite3_changes(t.conn->db()) > 0 ? DBM_OK : DBM_ERR_NOT_FOUND;
+    });
+}
+
+unsigned int DBM_GetKeyNumByValueType(int handle, unsigned int valueType) {
+    return pkey::c_boundary(0U, [&]() -> unsigned int {
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t) || (t.mode & DBM_MODE_READ) == 0) return 0;
+        sqlite3_stmt *s = t.conn->stmt(kCount);
+        if (s == nullptr) return 0;
+        StmtUse use(s);
+        sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(valueType));
+        if (use.step() != SQLITE_ROW) return 0;
+        return static_cast<unsigned int>(sqlite3_column_int64(s, 0));
+    });
+}
+
+unsigned int DBM_GetKeysByValueType(int handle, unsigned int capacity, unsigned int valueType,
+                                    DBM_ITERATOR *iterator, DBM_KEY_ENTRY_S *entries) {
+    return pkey::c_boundary(0U, [&]() -> unsigned int {
+        if (iterator == nullptr) return 0;
+        auto owned = std::make_unique<KeyIterator>();
+        KeyIterator *it = owned.get();
+        *iterator = owned.release();  // the caller frees it, filled or not
+        if (entries == nullptr || capacity == 0) return 0;
+
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t) || (t.mode & DBM_MODE_READ) == 0) return 0;
+        sqlite3_stmt *s = t.conn->stmt(kList);
+        if (s == nullptr) return 0;
+        StmtUse use(s);
+        sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(valueType));
+        sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(capacity));
+
+        // Offsets first: the buffer may move while it grows.
+        std::vector<std::size_t> offsets;
+        offsets.reserve(std::min<std::size_t>(capacity, 1U << 17));
+        it->bytes.reserve(offsets.capacity() * 16);
+        unsigned int filled = 0;
+        while (filled < capacity && use.step() == SQLITE_ROW) {
+            const auto *k = static_cast<const char *>(sqlite3_column_blob(s, 0));
+            const auto n = static_cast<unsigned int>(sqlite3_column_bytes(s, 0));
+            offsets.push_back(it->bytes.size());
+            if (n != 0) it->bytes.insert(it->bytes.end(), k, k + n);
+            entries[filled] = DBM_KEY_ENTRY_S{nullptr, n, 0, 0};
+            ++filled;
+        }
+        const char *base = it->bytes.data();
+        for (unsigned int i = 0; i < filled; ++i) entries[i].pcKey = base + offsets[i];
+        return filled;
+    });
+}
+
+void DBM_FreeIterator(DBM_ITERATOR iterator) { delete static_cast<KeyIterator *>(iterator); }
+
+}  // extern "C"

@@ -1,0 +1,55 @@
+// host_internal.hpp - what the modules of libpkey_host.so share among themselves.
+//
+// The library keeps one process-wide store root. Every module that caches
+// something tied to a root (the settings mapping, the device key, database
+// connections) remembers the generation of the root it was built for and
+// rebuilds its cache when current_store() reports another generation.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace pkey::host {
+
+// Error codes of PKEY_Encrypt.
+inline constexpr unsigned int kCipherErrParam = 0x50020001U;    // NULL pointer or empty input
+inline constexpr unsigned int kCipherErrTooLong = 0x50020002U;  // input over 65535 bytes
+inline constexpr unsigned int kCipherErrSpace = 0x50020003U;    // output region too small
+inline constexpr unsigned int kCipherErrKey = 0x50020004U;      // device key unavailable
+inline constexpr unsigned int kCipherErrCrypto = 0x50020005U;   // OpenSSL refused the work
+
+// Error codes of the FS_ services.
+inline constexpr int kFsErrParam = 0x50030001;     // NULL pointer, zero size
+inline constexpr int kFsErrSpace = 0x50030002;     // result does not fit the buffer
+inline constexpr int kFsErrNoStore = 0x50030003;   // no store root could be opened
+inline constexpr int kFsErrName = 0x50030004;      // malformed or relative file name
+
+// Format version byte and layout of a key-file cipher region.
+inline constexpr unsigned char kCipherVersion = 1;
+inline constexpr unsigned int kCipherHeaderLen = 3;  // version, 16-bit length
+inline constexpr unsigned int kCipherTagLen = 16;
+inline constexpr unsigned int kCipherMaxPlain = 0xFFFFU;
+inline constexpr unsigned int kDeviceKeyLen = 64;  // AES-256-SIV takes two 256-bit keys
+
+struct StoreRef {
+    std::string root;  // absolute, no trailing "/"; empty when no store could be opened
+    std::uint64_t generation = 0;
+};
+
+// The store in use. Opens $PKEY_ROOT (or ./pkey-store) when HOST_Open was never called.
+StoreRef current_store();
+
+// Cache drops run by HOST_Open after switching roots, so secrets and open
+// files of the old store go at once rather than at the next call.
+void settings_drop() noexcept;
+void cipher_drop() noexcept;
+void dbm_drop() noexcept;
+
+// Self node number from the shared settings (1 when they cannot be read).
+unsigned short settings_self_node();
+
+// "<root>/node<N>/<leaf>"
+std::string node_path(std::string_view root, unsigned int node, std::string_view leaf);
+
+}  // namespace pkey::host

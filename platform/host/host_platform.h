@@ -1,0 +1,50 @@
+/*
+ * host_platform.h - control API of the Linux host platform (libpkey_host.so).
+ *
+ * libpkey_host.so implements every service of pkey_platform.h on an ordinary
+ * Linux machine. Everything it keeps lives under one store root directory:
+ *
+ *   <root>/node<N>/flash   node N's flash work directory (slot N)
+ *   <root>/node<N>/run     node N's memory root (the device's "/var/run")
+ *   <root>/db/<name>.db    one SQLite file per configuration database
+ *   <root>/device.key      the key-file cipher's device key (mode 0600)
+ *   <root>/settings        the settings below, shared by every process
+ *
+ * Without HOST_Open the root is $PKEY_ROOT, or else ./pkey-store. Settings are
+ * read afresh at every call, so a change made by one process is seen by every
+ * other process using the same root at its next call.
+ */
+#ifndef HOST_PLATFORM_H
+#define HOST_PLATFORM_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define HOST_API __attribute__((visibility("default")))
+#else
+#define HOST_API
+#endif
+
+/* Uses root as the store, creating it if missing. 0 on success, -1 on failure. */
+HOST_API int HOST_Open(const char *root);
+
+/* FIPS mode: 1 on, 0 off, -1 follow the kernel's flag (the default). */
+HOST_API void HOST_SetFipsMode(int on);
+/* Algorithm switch of CRYPTO_AlgoIsEnabled: 1 enabled, 0 disabled, -1 back to the default. */
+HOST_API void HOST_SetAlgoEnabled(unsigned int code, int enabled);
+/* Memory alarm state; 0 is normal. */
+HOST_API void HOST_SetMemAlarm(int state);
+/* The running node (default 1); its slot is the same number. */
+HOST_API void HOST_SetSelfNode(unsigned short node);
+/* Replaces the standby node list (at most 64 nodes; count 0 clears it). */
+HOST_API void HOST_SetStandbyNodes(const unsigned short *nodes, unsigned int count);
+/* Status of a node as DEV_GetDeviceStatusEx reports it (1 normal, the default). */
+HOST_API void HOST_SetNodeStatus(unsigned short node, int status);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* HOST_PLATFORM_H */

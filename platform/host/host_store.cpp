@@ -1,0 +1,87 @@
+// host_store.cpp - the store root of the host platform and HOST_Open.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
+#include "host_internal.hpp"
+#include "host_platform.h"
+#include "pkey_util.hpp"
+
+namespace pkey::host {
+namespace {
+
+std::mutex g_store_mutex;
+std::string g_root;             // guarded by g_store_mutex
+std::uint64_t g_generation = 0;  // bumped at every successful switch of root
+
+// mkdir -p with mode 0770 for every directory it has to create.
+bool make_dirs(const std::string &path) {
+    std::string prefix;
+    prefix.reserve(path.size());
+    std::size_t pos = 0;
+    while (pos <= path.size()) {
+        std::size_t slash = path.find('/', pos);
+        if (slash == std::string::npos) slash = path.size();
+        prefix.assign(path, 0, slash);
+        if (!prefix.empty() && ::mkdir(prefix.c_str(), 0770) != 0 && errno != EEXIST) return false;
+        pos = slash + 1;
+    }
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Creates the root if needed and returns its absolute, symlink-free form ("" on failure).
+std::string prepare_root(const char *root) {
+    if (root == nullptr || *root == '\0') return {};
+    if (!make_dirs(root)) return {};
+    MallocPtr<char> real(::realpath(root, nullptr));
+    if (!real) return {};
+    return std::string(real.get());
+}
+
+}  // namespace
+
+StoreRef current_store() {
+    std::lock_guard lock(g_store_mutex);
+    if (g_root.empty()) {
+        const char *env = std::getenv("PKEY_ROOT");
+        std::string root = prepare_root(env != nullptr && *env != '\0' ? env : "./pkey-store");
+        if (!root.empty()) {
+            g_root = std::move(root);
+            ++g_generation;
+        }
+    }
+    return StoreRef{g_root, g_generation};
+}
+
+std::string node_path(std::string_view root, unsigned int node, std::string_view leaf) {
+    std::string out;
+    out.reserve(root.size() + leaf.size() + 16);
+    out.append(root).append("/node").append(std::to_string(node)).append("/").append(leaf);
+    return out;
+}
+
+}  // namespace pkey::host
+
+extern "C" int HOST_Open(const char *root) {
+    using namespace pkey::host;
+    return pkey::c_boundary(-1, [&] {
+        std::string real = prepare_root(root);
+        if (real.empty()) return -1;
+        {
+            std::lock_guard lock(g_store_mutex);
+            g_root = std::move(real);
+            ++g_generation;
+        }
+        settings_drop();
+        cipher_drop();
+        dbm_drop();
+        return 0;
+    });
+}
