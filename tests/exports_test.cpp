@@ -1,0 +1,69 @@
+// The libraries export exactly their interfaces: every PKEY_ function of the
+// core and nothing else; every platform service and HOST_ call of the host.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+
+namespace {
+
+std::set<std::string> defined_dynamic_symbols(const char *library) {
+    std::set<std::string> names;
+    const std::string command = std::string("nm -D --defined-only ") + library;
+    FILE *pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return names;
+    char line[1024];
+    while (std::fgets(line, sizeof line, pipe) != nullptr) {
+        char address[64], type[8], name[512];
+        if (std::sscanf(line, "%63s %7s %511s", address, type, name) != 3) continue;
+        std::string symbol = name;
+        if (const auto at = symbol.find('@'); at != std::string::npos) symbol.resize(at);
+        // The version-script node name is not a symbol of ours.
+        if (std::string(type) == "A") continue;
+        names.insert(symbol);
+    }
+    pclose(pipe);
+    return names;
+}
+
+const std::set<std::string> kCoreExports = {
+    // algorithm numbers and policy
+    "PKEY_PUBKEY_GetPkeyAlgIdByEvpId", "PKEY_PUBKEY_GetEvpAlgIdByPkeyId", "PKEY_IsValidECDSACurve",
+    "PKEY_PUBKEY_GetMinECKeyNid", "PKEY_PUBKEY_GetMinKeyBits", "PKEY_PUBKEY_GetMinKeyBitsByEvpAgl",
+    "PKEY_PUBKEY_IsKeyLenValid", "PKEY_PUBKEY_GetKeyBits", "PKEY_PUBKEY_GetPubKeySize",
+    "PKEY_PUBKEY_IsKeyMatchFipsMode", "PKEY_PUBKEY_IsEvpAglEnable",
+    // text helpers
+    "PKEY_StrRemoveSpaceCopy", "PKEY_RemoveCRLF", "PKEY_HexAsc2Bin", "PKEY_IsValidHexString",
+    "PKEY_HexStringToHexData", "PKEY_LenBeforeSeparator",
+    // key store names
+    "PKEY_FS_GetKeyDir", "PKEY_FS_GetDefaultKeyName", "PKEY_FS_GetPKEYDefaultKeyName",
+    "PKEY_FS_CheckMemStatus", "PKEY_FS_StrEndString", "PKEY_FS_GetLocKeyMemDirByAlgId",
+    "PKEY_FS_GetPkeyMemDir", "PKEY_FS_MakeMemFilePrefix", "PKEY_FS_MakeDevFilePrefix",
+    "PKEY_FS_MakeFullFileName",
+    // generation
+    "PKEY_GeneratePKey", "PKEY_GenerateRSAKey", "PKEY_GenerateDSAKey", "PKEY_GenerateECKey",
+    "PKEY_LOCAL_GenerateReserve", "PKEY_LOCAL_GetServerKeyBitsByHostKeyBits",
+};
+
+const std::set<std::string> kHostExports = {
+    "DBM_Open", "DBM_Close", "DBM_Len", "DBM_GetBinary", "DBM_SetBinary", "DBM_DeleteKey",
+    "DBM_GetKeyNumByValueType", "DBM_GetKeysByValueType", "DBM_FreeIterator",
+    "DEV_GetSelf", "DEV_GetSelfSlot", "DEV_GetAllStandbyNodes", "DEV_GetDeviceStatusEx",
+    "FS_GetNodeDefaultWorkDir", "FS_GetLocalDefaultWorkDir", "FS_GetDefaultWorkDirBySlot",
+    "FS_GetNodePathName", "FS_AnalyseFileName", "FS_IsValidFullFileName",
+    "CRYPTO_FIPSIsEnabled", "CRYPTO_AlgoIsEnabled", "PKEY_Encrypt", "PKEY_Decrypt",
+    "Mem_Alert_GetCurrentState", "RC_LoadString", "scnprintf", "strlcpy", "lowercase", "freedir",
+    "HOST_Open", "HOST_SetFipsMode", "HOST_SetAlgoEnabled", "HOST_SetMemAlarm",
+    "HOST_SetSelfNode", "HOST_SetStandbyNodes", "HOST_SetNodeStatus",
+};
+
+TEST(Exports, CoreLibraryExportsExactlyItsPkeyFunctions) {
+    EXPECT_EQ(defined_dynamic_symbols(LIBPKEY_PATH), kCoreExports);
+}
+
+TEST(Exports, HostLibraryExportsExactlyThePlatformServices) {
+    EXPECT_EQ(defined_dynamic_symbols(LIBPKEY_HOST_PATH), kHostExports);
+}
+
+}  // namespace
