@@ -12,6 +12,13 @@
  *   server key:        <work>/serverkey         <mem>/pkey/serverkey
  *   named key:         <work>/pkey/rsa/NAME.key <mem>/pkey/rsa/NAME.key
  *   key kind 0 file:   <work>/pkey/publickey/NAME
+ *
+ * Key files are read and written whole under an exclusive flock, taken right
+ * after the open and held until the close; readers and writers alike take
+ * it, so a reader never sees a half-written key. What this layer creates is
+ * owned by 1:1 (when the process may change owners), directories 0770 and
+ * files 0660. A key path that is a symbolic link is never opened: the store
+ * does not follow a link planted in place of a key file.
  */
 #ifndef PKEY_FS_H
 #define PKEY_FS_H
@@ -47,6 +54,41 @@ PKEY_API int PKEY_FS_MakeDevFilePrefix(unsigned int node, char *out);
  * appended after the prefix (0 for an algId of 4 or more, out untouched). */
 PKEY_API int PKEY_FS_MakeFullFileName(unsigned int algId, unsigned int keyKind, unsigned int node,
                                       const char *name, PKEY_FS_PREFIX_FN prefixFn, char *out);
+
+/* ---- Locked files and key directories ------------------------------------ */
+
+/* Opens an existing file read-only and locks it; the descriptor or -1. */
+PKEY_API int PKEY_FS_OpenLock(const char *path);
+/* Makes the file's directories, creates or truncates it, sets 0660 and
+ * 1:1, locks it; the descriptor or -1. */
+PKEY_API int PKEY_FS_OpenCreateLock(const char *path);
+/* Unlocks and closes; -1 for fd -1, else close's result. */
+PKEY_API int PKEY_FS_CloseUnLock(int fd);
+/* Creates every directory named by path up to its last "/". 0 or PKEY_ERR_FAILED. */
+PKEY_API int PKEY_FS_MakeDir(const char *path);
+/* 1 for an existing regular file / directory, else 0. */
+PKEY_API int PKEY_FS_IsFileExisted(const char *path);
+PKEY_API int PKEY_FS_IsDirExisted(const char *path);
+/* The whole file in a new buffer (free with free()), its length in *len;
+ * NULL for a missing, empty, unreadable or short-read file. */
+PKEY_API void *PKEY_FS_ReadDataFromVFS(const char *path, unsigned int *len);
+/* Writes len bytes to fd in one write; a short write fails. 0 or PKEY_ERR_FAILED. */
+PKEY_API int PKEY_FS_WriteDataToVFSWithFd(const void *buf, unsigned int len, int fd);
+/* Creates (or truncates) the file and writes it whole under its lock; a
+ * failed write leaves no file. 0 or PKEY_ERR_FAILED. */
+PKEY_API int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len, const char *path);
+/* Removes a file; a missing file is success. The first two arguments are
+ * ignored. 0 or PKEY_ERR_FAILED. */
+PKEY_API int PKEY_FS_RemoveFileFromVFS(int ignored1, int ignored2, const char *path);
+/* Copies a file, the source locked for the whole copy and released last.
+ * -1 if the source cannot be opened, else the result of closing it. */
+PKEY_API int PKEY_FS_CopyFileByFullName(const char *src, const char *dst);
+/* Removes the plain files of base + subDir and the directory itself.
+ * 0 or PKEY_ERR_FAILED (also for a missing or non-empty directory). */
+PKEY_API int PKEY_FS_RemovePkeyDir(const char *subDir, const char *base);
+/* Copies every file of srcBase + subDir to dstBase + subDir. 0 when the
+ * source cannot be opened, else the result of closing it. */
+PKEY_API int PKEY_FS_CopyPkeyDir(const char *subDir, const char *srcBase, const char *dstBase);
 
 #ifdef __cplusplus
 }

@@ -12,11 +12,31 @@
  * breaks and hexadecimal key code. They work in place or into the caller's
  * buffer, allocate nothing and never fail with an error code.
  *
- * No function here takes ownership of its arguments.
+ * The store record is the library's binary form of a whole key pair:
+ *
+ *   offset  size  field (integers big-endian)
+ *   0       4     record length, digest included
+ *   4       4     marker 0xAAAAAAAA
+ *   8       1     key kind (set when the key file is written)
+ *   9       65    key name (set when the key file is written)
+ *   74      2+1+1 creation year, month, day (local time)
+ *   78      2+1+1 creation hour, minute, second
+ *   82      1     protection: 4 when built in FIPS mode, else 3
+ *   83      1     format version 1
+ *   84      P     payload: RSA n e d p q dmp1 dmq1 iqmp, DSA p q g y x, each a
+ *                 4-byte length and the magnitude; ECDSA the ECPrivateKey DER
+ *   ...           zero padding, so that payload bound + digest is a multiple of 8
+ *   len-D   D     MD5 (16) or SHA-256 (32) digest of everything before it,
+ *                 computed with bytes 8 to 73 zero
+ *
+ * Functions that build something return it newly allocated (free with
+ * free(), or EVP_PKEY_free for keys); no function here takes ownership of its
+ * arguments.
  */
 #ifndef PKEY_PUBKEY_H
 #define PKEY_PUBKEY_H
 
+#include <openssl/bn.h>
 #include <openssl/evp.h>
 
 #include "pkey_types.h"
@@ -65,6 +85,70 @@ PKEY_API unsigned int PKEY_HexStringToHexData(const char *hex, unsigned char *ou
 /* Length of the first token up to a separator, counted from the text's start
  * (leading separators included); 0 for an empty text or separators only. */
 PKEY_API unsigned int PKEY_LenBeforeSeparator(const char *text, char separator);
+
+/* ---- Length prefixes and the store record -------------------------------- */
+
+#define PKEY_STORE_HEADER_LEN 84U
+#define PKEY_STORE_MARKER 0xAAAAAAAAU
+#define PKEY_STORE_OFF_LENGTH 0U
+#define PKEY_STORE_OFF_MARKER 4U
+#define PKEY_STORE_OFF_KIND 8U
+#define PKEY_STORE_OFF_NAME 9U
+#define PKEY_STORE_NAME_LEN 65U
+#define PKEY_STORE_OFF_YEAR 74U
+#define PKEY_STORE_OFF_MONTH 76U
+#define PKEY_STORE_OFF_DAY 77U
+#define PKEY_STORE_OFF_HOUR 78U
+#define PKEY_STORE_OFF_MINUTE 80U
+#define PKEY_STORE_OFF_SECOND 81U
+#define PKEY_STORE_OFF_PROTECTION 82U
+#define PKEY_STORE_OFF_VERSION 83U
+#define PKEY_STORE_VERSION 1U
+#define PKEY_STORE_PROTECT_MD5 3U
+#define PKEY_STORE_PROTECT_SHA256 4U
+
+/* Writes len big-endian at *cursor, advances *cursor by 4 and returns it. */
+PKEY_API unsigned char *PKEY_PutLenToBuf(unsigned int len, unsigned char **cursor);
+/* Reads the big-endian 32-bit value at data into *lenOut; returns data + 4. */
+PKEY_API const unsigned char *PKEY_GetLengthFromData(const unsigned char *data,
+                                                      unsigned int *lenOut);
+
+/* Builds the store record of a key pair; *lenOut gets its length. NULL on
+ * failure (*lenOut untouched). Free the record with free(). */
+PKEY_API unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *lenOut);
+/* Turns a record back into a key pair of the given pkey alg id; NULL on
+ * failure. The record's digest is not checked here. */
+PKEY_API EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId,
+                                                   const unsigned char *record,
+                                                   unsigned int recordLen);
+
+/* Payload bound of a key per algorithm (rows of g_apfPKEYGetAlgStoreLen). */
+PKEY_API unsigned int PKEY_PUBKEY_GetStoreLenFromEvpReserve(EVP_PKEY *key);
+PKEY_API unsigned int PKEY_PUBKEY_GetRSAStoreLenFromEvp(EVP_PKEY *key);
+PKEY_API unsigned int PKEY_PUBKEY_GetDSAStoreLenFromEvp(EVP_PKEY *key);
+PKEY_API unsigned int PKEY_PUBKEY_GetECDSAStoreLenFromEvp(EVP_PKEY *key);
+/* Payload writers per algorithm (rows of g_apfPKEYConvertKeyToStoreBuf):
+ * write at payload (which holds the row's bound), store the count written,
+ * return 0 or PKEY_ERR_FAILED. */
+PKEY_API unsigned int PKEY_PUBKEY_ConvertKeyToStoreBufReserve(EVP_PKEY *key, unsigned int *written,
+                                                              unsigned char *payload);
+PKEY_API unsigned int PKEY_PUBKEY_ConvertRSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
+                                                          unsigned char *payload);
+PKEY_API unsigned int PKEY_PUBKEY_ConvertDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
+                                                          unsigned char *payload);
+PKEY_API unsigned int PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
+                                                            unsigned char *payload);
+/* Writes one component (length, magnitude without sign byte) at *cursor,
+ * advances it and adds 4 + length to *total. */
+PKEY_API void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor,
+                                          unsigned int *total);
+/* Reads one component at *cursor within *remaining bytes into *bnOut (NULL
+ * when absent or truncated; *remaining is then 0). */
+PKEY_API void PKEY_PUBKEY_GetBNFromBuf(const unsigned char **cursor, unsigned int *remaining,
+                                       BIGNUM **bnOut);
+/* DER as key-code display text: "\r\n   " before every 37 bytes of upper-case
+ * hex, "\r\n" at the end. Free with free(). */
+PKEY_API char *PKEY_PUBKEY_DER2BdrnBuf(const unsigned char *der, unsigned int derLen);
 
 #ifdef __cplusplus
 }

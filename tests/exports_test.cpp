@@ -41,9 +41,27 @@ const std::set<std::string> kCoreExports = {
     "PKEY_FS_CheckMemStatus", "PKEY_FS_StrEndString", "PKEY_FS_GetLocKeyMemDirByAlgId",
     "PKEY_FS_GetPkeyMemDir", "PKEY_FS_MakeMemFilePrefix", "PKEY_FS_MakeDevFilePrefix",
     "PKEY_FS_MakeFullFileName",
+    // locked files and key directories
+    "PKEY_FS_OpenLock", "PKEY_FS_OpenCreateLock", "PKEY_FS_CloseUnLock", "PKEY_FS_MakeDir",
+    "PKEY_FS_IsFileExisted", "PKEY_FS_IsDirExisted", "PKEY_FS_ReadDataFromVFS",
+    "PKEY_FS_WriteDataToVFSWithFd", "PKEY_FS_WriteDataToVFS", "PKEY_FS_RemoveFileFromVFS",
+    "PKEY_FS_CopyFileByFullName", "PKEY_FS_RemovePkeyDir", "PKEY_FS_CopyPkeyDir",
+    // memory mirror
+    "PKEY_CFGMNG_UpdateLocKeyMemFiles", "PKEY_CFGMNG_CopyFile2File",
+    // standby backup
+    "PKEY_BACKUP_IsNodeStatusNormal", "PKEY_BACKUP_SndRtLocalKey", "PKEY_BACKUP_Batch",
+    "PKEY_BACKUP_BatchMemProc", "PKEY_BACKUP_BatchDevProc",
     // generation
     "PKEY_GeneratePKey", "PKEY_GenerateRSAKey", "PKEY_GenerateDSAKey", "PKEY_GenerateECKey",
     "PKEY_LOCAL_GenerateReserve", "PKEY_LOCAL_GetServerKeyBitsByHostKeyBits",
+    // length prefixes, the store record and the DER display
+    "PKEY_PutLenToBuf", "PKEY_GetLengthFromData", "PKEY_PUBKEY_ConvertKeyToStoreBuf",
+    "PKEY_PUBKEY_ConvertStoreBufToKey", "PKEY_PUBKEY_GetStoreLenFromEvpReserve",
+    "PKEY_PUBKEY_GetRSAStoreLenFromEvp", "PKEY_PUBKEY_GetDSAStoreLenFromEvp",
+    "PKEY_PUBKEY_GetECDSAStoreLenFromEvp", "PKEY_PUBKEY_ConvertKeyToStoreBufReserve",
+    "PKEY_PUBKEY_ConvertRSAKeyToStoreBuf", "PKEY_PUBKEY_ConvertDSAKeyToStoreBuf",
+    "PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf", "PKEY_PUBKEY_FillBN2StoreBuf",
+    "PKEY_PUBKEY_GetBNFromBuf", "PKEY_PUBKEY_DER2BdrnBuf",
 };
 
 const std::set<std::string> kHostExports = {

@@ -1,0 +1,406 @@
+// The key pair store record: building it from a key pair, turning it back into
+// a key, the 32-bit length prefixes, and the hexadecimal display of DER bytes.
+//
+// Every integer of the record is written and read big-endian explicitly, so a
+// record is the same bytes whatever processor built it. Plain key material
+// (the record under construction, components read back) lives only in memory
+// that is wiped before it is freed.
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/param_build.h>
+#include <sys/time.h>
+
+#include <array>
+#include <climits>
+#include <cstdint>
+#include <ctime>
+#include <span>
+
+#include "pkey_platform.h"
+#include "pkey_pubkey.h"
+#include "pkey_util.hpp"
+
+namespace {
+
+using pkey::BignumPtr;
+using pkey::ByteReader;
+using pkey::ByteWriter;
+using pkey::EvpMdCtxPtr;
+using pkey::EvpPkeyCtxPtr;
+using pkey::EvpPkeyPtr;
+using pkey::FnDeleter;
+using pkey::SecureBuffer;
+
+using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, FnDeleter<OSSL_PARAM_BLD_free>>;
+using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
+
+using GetStoreLenFn = unsigned int (*)(EVP_PKEY *key);
+using ConvertToStoreBufFn = unsigned int (*)(EVP_PKEY *key, unsigned int *written,
+                                             unsigned char *payload);
+
+// Payload bound and payload writer per pkey alg id; row 0 is the reserved stub.
+const GetStoreLenFn g_apfPKEYGetAlgStoreLen[4] = {
+    PKEY_PUBKEY_GetStoreLenFromEvpReserve, PKEY_PUBKEY_GetRSAStoreLenFromEvp,
+    PKEY_PUBKEY_GetDSAStoreLenFromEvp, PKEY_PUBKEY_GetECDSAStoreLenFromEvp};
+const ConvertToStoreBufFn g_apfPKEYConvertKeyToStoreBuf[4] = {
+    PKEY_PUBKEY_ConvertKeyToStoreBufReserve, PKEY_PUBKEY_ConvertRSAKeyToStoreBuf,
+    PKEY_PUBKEY_ConvertDSAKeyToStoreBuf, PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf};
+
+// Components in record order.
+constexpr const char *kRsaComponents[] = {
+    OSSL_PKEY_PARAM_RSA_N,         OSSL_PKEY_PARAM_RSA_E,         OSSL_PKEY_PARAM_RSA_D,
+    OSSL_PKEY_PARAM_RSA_FACTOR1,   OSSL_PKEY_PARAM_RSA_FACTOR2,   OSSL_PKEY_PARAM_RSA_EXPONENT1,
+    OSSL_PKEY_PARAM_RSA_EXPONENT2, OSSL_PKEY_PARAM_RSA_COEFFICIENT1};
+constexpr const char *kDsaComponents[] = {OSSL_PKEY_PARAM_FFC_P, OSSL_PKEY_PARAM_FFC_Q,
+                                          OSSL_PKEY_PARAM_FFC_G, OSSL_PKEY_PARAM_PUB_KEY,
+                                          OSSL_PKEY_PARAM_PRIV_KEY};
+constexpr std::size_t kMaxComponents = std::size(kRsaComponents);
+using ComponentNames = std::span<const char *const>;
+
+constexpr std::size_t kLengthPrefix = 4;
+constexpr std::size_t kKindAndNameLen = 1 + PKEY_STORE_NAME_LEN;
+constexpr unsigned int kMd5Len = 16;
+constexpr unsigned int kSha256Len = 32;
+constexpr unsigned char kDerSequence = 0x30;
+
+// The components of a key that it holds, in record order; a component the key
+// lacks stays null. Private values are wiped when this goes away.
+class KeyComponents {
+public:
+    KeyComponents(const EVP_PKEY *key, ComponentNames names) noexcept : count_(names.size()) {
+        // Lacking a component is normal (a public key has no d); keep the
+        // failed look-ups off the caller's error queue.
+        ERR_set_mark();
+        for (std::size_t i = 0; i < count_; ++i) {
+            BIGNUM *bn = nullptr;
+            if (EVP_PKEY_get_bn_param(key, names[i], &bn) == 1) bn_[i].reset(bn);
+        }
+        ERR_pop_to_mark();
+    }
+
+    // Payload bound: the magnitudes of the present components plus a length
+    // field for every component, present or not.
+    std::size_t bound() const noexcept {
+        std::size_t total = kLengthPrefix * count_;
+        for (std::size_t i = 0; i < count_; ++i) {
+            if (bn_[i]) total += static_cast<std::size_t>(BN_num_bytes(bn_[i].get()));
+        }
+        return total;
+    }
+    std::span<const BignumPtr> all() const noexcept { return {bn_.data(), count_}; }
+
+private:
+    std::array<BignumPtr, kMaxComponents> bn_;
+    std::size_t count_;
+};
+
+unsigned int clamp_to_uint(std::size_t n) noexcept {
+    return n > UINT32_MAX ? 0 : static_cast<unsigned int>(n);
+}
+
+// A length field and the component's magnitude: big-endian, no sign byte, no
+// leading zero, nothing at all for the value zero.
+bool put_component(ByteWriter &out, const BIGNUM *bn) noexcept {
+    const int n = BN_num_bytes(bn);
+    if (n < 0 || !out.put_u32(static_cast<std::uint32_t>(n))) return false;
+    unsigned char *dst = out.cursor();
+    if (!out.commit(static_cast<std::size_t>(n))) return false;
+    BN_bn2bin(bn, dst);
+    return true;
+}
+
+unsigned int write_components(EVP_PKEY *key, ComponentNames names, unsigned int *written,
+                              unsigned char *payload) noexcept {
+    if (key == nullptr || written == nullptr || payload == nullptr) return PKEY_ERR_FAILED;
+    const KeyComponents components(key, names);
+    // The caller sized payload to the bound, so the writer may use that much.
+    ByteWriter out(payload, components.bound());
+    for (const BignumPtr &bn : components.all()) {
+        if (bn && !put_component(out, bn.get())) return PKEY_ERR_FAILED;
+    }
+    *written = static_cast<unsigned int>(out.size());
+    return 0;
+}
+
+// One length-prefixed component, kept in wiped memory. Null when nothing is
+// left, when the length field itself is cut off, or when it claims more bytes
+// than remain.
+BignumPtr read_component(ByteReader &in) noexcept {
+    std::uint32_t len = 0;
+    std::span<const unsigned char> magnitude;
+    if (!in.read_u32(len) || !in.read_bytes(len, magnitude)) return nullptr;
+    if (magnitude.size() > static_cast<std::size_t>(INT_MAX)) return nullptr;  // BN_bin2bn's limit
+    BignumPtr bn(BN_secure_new());
+    if (!bn || BN_bin2bn(magnitude.data(), static_cast<int>(magnitude.size()), bn.get()) == nullptr)
+        return nullptr;
+    return bn;
+}
+
+// A key pair of the given OpenSSL type from every one of its components.
+// No component of an RSA or DSA key pair is zero. A zero here means a field
+// read out of the zero padding: the record was written from a key without
+// its private parts, and there is no key pair to hand back.
+EvpPkeyPtr key_from_components(const char *type, ComponentNames names, ByteReader &in) noexcept {
+    std::array<BignumPtr, kMaxComponents> bn;
+    ParamBldPtr bld(OSSL_PARAM_BLD_new());
+    if (!bld) return nullptr;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        bn[i] = read_component(in);
+        if (!bn[i] || BN_is_zero(bn[i].get()) ||
+            OSSL_PARAM_BLD_push_BN(bld.get(), names[i], bn[i].get()) != 1)
+            return nullptr;
+    }
+    // The components are flagged secure, so the parameter block that copies
+    // them is wiped when it is freed.
+    ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
+    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+    EVP_PKEY *key = nullptr;
+    if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
+        EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_KEYPAIR, params.get()) != 1)
+        return nullptr;
+    return EvpPkeyPtr(key);
+}
+
+// Size of the DER SEQUENCE at the reader's position, its header included; 0
+// when the bytes do not start a SEQUENCE that fits in what remains. The record
+// carries padding and the digest behind the DER, which the decoder must not see.
+std::size_t der_sequence_length(ByteReader in) noexcept {
+    std::uint8_t tag = 0, first = 0;
+    if (!in.read_u8(tag) || tag != kDerSequence || !in.read_u8(first)) return 0;
+    std::size_t header = 2, content = first;
+    if (first & 0x80) {
+        const unsigned int octets = first & 0x7F;
+        if (octets == 0 || octets > 4) return 0;  // indefinite or absurdly long
+        content = 0;
+        for (unsigned int i = 0; i < octets; ++i) {
+            std::uint8_t b = 0;
+            if (!in.read_u8(b)) return 0;
+            content = (content << 8) | b;
+        }
+        header += octets;
+    }
+    return content <= in.remaining() ? header + content : 0;
+}
+
+struct Digest {
+    const EVP_MD *md = nullptr;
+    unsigned int size = 0;
+};
+
+// Fetched once per process: a fetch costs a provider look-up.
+const EVP_MD *md5_md() noexcept {
+    static const EVP_MD *const md = EVP_MD_fetch(nullptr, "MD5", nullptr);
+    return md;
+}
+const EVP_MD *sha256_md() noexcept {
+    static const EVP_MD *const md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return md;
+}
+
+bool md5_enabled() noexcept { return CRYPTO_AlgoIsEnabled(CRYPTO_ALG_MD5) == 1; }
+bool sha256_enabled() noexcept { return CRYPTO_AlgoIsEnabled(CRYPTO_ALG_SHA256) == 1; }
+
+// MD5 whenever the crypto service allows it, else SHA-256, else none.
+Digest record_digest() noexcept {
+    if (md5_enabled()) return {md5_md(), kMd5Len};
+    if (sha256_enabled()) return {sha256_md(), kSha256Len};
+    return {};
+}
+
+bool digest_into(const Digest &digest, std::span<const unsigned char> data,
+                 unsigned char *out) noexcept {
+    EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+    unsigned int produced = 0;
+    return ctx && digest.md != nullptr && EVP_DigestInit_ex(ctx.get(), digest.md, nullptr) == 1 &&
+           EVP_DigestUpdate(ctx.get(), data.data(), data.size()) == 1 &&
+           EVP_DigestFinal_ex(ctx.get(), out, &produced) == 1 && produced == digest.size;
+}
+
+// Length, marker, the creation time (local), protection and version; the kind
+// and name stay zero for the key file writer to fill in.
+bool put_header(ByteWriter &out, std::uint32_t recordLen) noexcept {
+    timeval now{};
+    std::tm local{};
+    if (gettimeofday(&now, nullptr) != 0 || localtime_r(&now.tv_sec, &local) == nullptr)
+        return false;
+    const std::uint8_t protection =
+        CRYPTO_FIPSIsEnabled() == 1 ? PKEY_STORE_PROTECT_SHA256 : PKEY_STORE_PROTECT_MD5;
+    return out.put_u32(recordLen) && out.put_u32(PKEY_STORE_MARKER) &&
+           out.commit(kKindAndNameLen) &&
+           out.put_u16(static_cast<std::uint16_t>(local.tm_year + 1900)) &&
+           out.put_u8(static_cast<std::uint8_t>(local.tm_mon + 1)) &&
+           out.put_u8(static_cast<std::uint8_t>(local.tm_mday)) &&
+           out.put_u16(static_cast<std::uint16_t>(local.tm_hour)) &&
+           out.put_u8(static_cast<std::uint8_t>(local.tm_min)) &&
+           out.put_u8(static_cast<std::uint8_t>(local.tm_sec)) && out.put_u8(protection) &&
+           out.put_u8(PKEY_STORE_VERSION);
+}
+
+}  // namespace
+
+extern "C" {
+
+unsigned char *PKEY_PutLenToBuf(unsigned int len, unsigned char **cursor) {
+    if (cursor == nullptr || *cursor == nullptr) return nullptr;
+    pkey::store_be32(*cursor, len);
+    *cursor += kLengthPrefix;
+    return *cursor;
+}
+
+const unsigned char *PKEY_GetLengthFromData(const unsigned char *data, unsigned int *lenOut) {
+    if (data == nullptr || lenOut == nullptr) return nullptr;
+    *lenOut = pkey::load_be32(data);
+    return data + kLengthPrefix;
+}
+
+unsigned int PKEY_PUBKEY_GetStoreLenFromEvpReserve(EVP_PKEY * /*key*/) { return 0; }
+
+unsigned int PKEY_PUBKEY_GetRSAStoreLenFromEvp(EVP_PKEY *key) {
+    if (key == nullptr) return 0;
+    return clamp_to_uint(KeyComponents(key, kRsaComponents).bound());
+}
+
+unsigned int PKEY_PUBKEY_GetDSAStoreLenFromEvp(EVP_PKEY *key) {
+    if (key == nullptr) return 0;
+    return clamp_to_uint(KeyComponents(key, kDsaComponents).bound());
+}
+
+unsigned int PKEY_PUBKEY_GetECDSAStoreLenFromEvp(EVP_PKEY *key) {
+    if (key == nullptr) return 0;
+    const int len = i2d_PrivateKey(key, nullptr);
+    return len > 0 ? static_cast<unsigned int>(len) : 0;
+}
+
+unsigned int PKEY_PUBKEY_ConvertKeyToStoreBufReserve(EVP_PKEY * /*key*/, unsigned int * /*written*/,
+                                                     unsigned char * /*payload*/) {
+    return PKEY_ERR_FAILED;
+}
+
+unsigned int PKEY_PUBKEY_ConvertRSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
+                                                 unsigned char *payload) {
+    return write_components(key, kRsaComponents, written, payload);
+}
+
+unsigned int PKEY_PUBKEY_ConvertDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
+                                                 unsigned char *payload) {
+    return write_components(key, kDsaComponents, written, payload);
+}
+
+unsigned int PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
+                                                   unsigned char *payload) {
+    if (key == nullptr || written == nullptr || payload == nullptr) return PKEY_ERR_FAILED;
+    // Measured first: the payload holds exactly this bound, and i2d writes
+    // into a caller's buffer without knowing its size.
+    const int len = i2d_PrivateKey(key, nullptr);
+    if (len <= 0) return PKEY_ERR_FAILED;
+    unsigned char *out = payload;
+    if (i2d_PrivateKey(key, &out) != len) return PKEY_ERR_FAILED;
+    *written = static_cast<unsigned int>(len);
+    return 0;
+}
+
+void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) {
+    if (bn == nullptr || cursor == nullptr || *cursor == nullptr || total == nullptr) return;
+    ByteWriter out(*cursor, kLengthPrefix + static_cast<std::size_t>(BN_num_bytes(bn)));
+    if (!put_component(out, bn)) return;
+    *cursor += out.size();
+    *total += static_cast<unsigned int>(out.size());
+}
+
+void PKEY_PUBKEY_GetBNFromBuf(const unsigned char **cursor, unsigned int *remaining,
+                              BIGNUM **bnOut) {
+    if (bnOut == nullptr) return;
+    *bnOut = nullptr;
+    if (cursor == nullptr || *cursor == nullptr || remaining == nullptr || *remaining == 0) return;
+    ByteReader in(*cursor, *remaining);
+    BignumPtr bn = read_component(in);
+    *cursor = in.position();
+    // A cut-off or lying component ends the walk: nothing after it can be trusted.
+    *remaining = bn ? static_cast<unsigned int>(in.remaining()) : 0;
+    *bnOut = bn.release();
+}
+
+unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *lenOut) {
+    return pkey::c_boundary<unsigned char *>(nullptr, [&]() -> unsigned char * {
+        if (key == nullptr || lenOut == nullptr) return nullptr;
+        const unsigned int id =
+            PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(EVP_PKEY_get_id(key)));
+        if (id >= PKEY_ALG_UNSUPPORTED) return nullptr;
+        const Digest digest = record_digest();
+        if (digest.md == nullptr) return nullptr;
+
+        // Payload bound and digest together are rounded up to a multiple of 8.
+        const std::uint64_t bound = g_apfPKEYGetAlgStoreLen[id](key);
+        const std::uint64_t tail = (bound + digest.size + 7) / 8 * 8;
+        const std::uint64_t recordLen = PKEY_STORE_HEADER_LEN + tail;
+        if (recordLen > UINT32_MAX) return nullptr;
+
+        SecureBuffer record(static_cast<std::size_t>(recordLen));
+        if (!record) return nullptr;
+        ByteWriter header(record.data(), PKEY_STORE_HEADER_LEN);
+        if (!put_header(header, static_cast<std::uint32_t>(recordLen))) return nullptr;
+
+        unsigned int written = 0;
+        if (g_apfPKEYConvertKeyToStoreBuf[id](key, &written,
+                                              record.data() + PKEY_STORE_HEADER_LEN) != 0)
+            return nullptr;
+
+        const std::size_t digestAt = record.size() - digest.size;
+        if (!digest_into(digest, record.span().first(digestAt), record.data() + digestAt))
+            return nullptr;
+        *lenOut = static_cast<unsigned int>(recordLen);
+        return record.release();
+    });
+}
+
+EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned char *record,
+                                           unsigned int recordLen) {
+    return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
+        if (record == nullptr) return nullptr;
+        const bool md5 = md5_enabled();
+        if (!md5 && !sha256_enabled()) return nullptr;
+        // Shortest record: a header and the digest the reader would expect.
+        if (recordLen < PKEY_STORE_HEADER_LEN + (md5 ? kMd5Len : kSha256Len)) return nullptr;
+
+        // Padding and digest count as remaining bytes; a well-formed payload
+        // ends before them. The digest is checked by the key file reader.
+        ByteReader in(record, recordLen);
+        in.skip(PKEY_STORE_HEADER_LEN);
+        switch (algId) {
+            case PKEY_ALG_ECDSA: {
+                const std::size_t derLen = der_sequence_length(in);
+                if (derLen == 0) return nullptr;
+                const unsigned char *der = in.position();
+                return d2i_PrivateKey(EVP_PKEY_EC, nullptr, &der, static_cast<long>(derLen));
+            }
+            case PKEY_ALG_RSA: return key_from_components("RSA", kRsaComponents, in).release();
+            case PKEY_ALG_DSA: return key_from_components("DSA", kDsaComponents, in).release();
+            default: return nullptr;
+        }
+    });
+}
+
+char *PKEY_PUBKEY_DER2BdrnBuf(const unsigned char *der, unsigned int derLen) {
+    constexpr std::size_t kBytesPerLine = 37;
+    if (der == nullptr && derLen != 0) return nullptr;
+    // A full line is "\r\n   " and 74 digits (79 characters); the room left
+    // covers the closing "\r\n" and the terminator.
+    const std::size_t lines = derLen / kBytesPerLine, rest = derLen % kBytesPerLine;
+    const std::size_t size = rest == 0 ? 79 * lines + 5 + 1 : 79 * lines + 2 * rest + 10 + 1;
+    char *text = static_cast<char *>(std::malloc(size));
+    if (text == nullptr) return nullptr;
+
+    text[0] = '\0';
+    std::size_t used = 0;
+    std::size_t index = 0;
+    for (const unsigned char byte : std::span<const unsigned char>(der, derLen)) {
+        if (index++ % kBytesPerLine == 0)
+            used += static_cast<std::size_t>(scnprintf(text + used, size - used, "\r\n   "));
+        used += static_cast<std::size_t>(scnprintf(text + used, size - used, "%02X", byte));
+    }
+    scnprintf(text + used, size - used, "\r\n");
+    return text;
+}
+
+}  // extern "C"

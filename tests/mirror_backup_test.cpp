@@ -1,0 +1,197 @@
+// The memory mirror of the flash key files, and copies to standby nodes.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "host_platform.h"
+#include "pkey_backup.h"
+#include "pkey_cfgmng.h"
+#include "pkey_fs.h"
+#include "test_store.hpp"
+
+namespace {
+
+namespace fsys = std::filesystem;
+using Tree = std::map<std::string, std::string>;  // relative path -> content
+
+void put(const std::string &file, const std::string &content) {
+    fsys::create_directories(fsys::path(file).parent_path());
+    std::ofstream(file, std::ios::binary) << content;
+}
+
+std::string get(const std::string &file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Every regular file below dir with its content; empty for a missing dir.
+Tree tree(const std::string &dir) {
+    Tree out;
+    if (!fsys::exists(dir)) return out;
+    for (const auto &e : fsys::recursive_directory_iterator(dir))
+        if (e.is_regular_file())
+            out[fsys::relative(e.path(), dir).string()] = get(e.path().string());
+    return out;
+}
+
+int remove_op(const void *, unsigned int, const char *path) {
+    return PKEY_FS_RemoveFileFromVFS(0, 0, path);
+}
+
+class MirrorTest : public ::testing::Test {
+protected:
+    std::string work() const { return store.work_dir(1); }
+    std::string mem() const { return store.mem_dir(1) + "/pkey"; }
+    pkey::test::TempStore store;
+};
+
+TEST_F(MirrorTest, FillsAnAbsentMirrorWithExactlyTheKeysOnFlash) {
+    put(work() + "/hostkey", "H");
+    put(work() + "/pkey/rsa/a.key", "A");
+    put(work() + "/pkey/publickey/peer", "not mirrored");
+    put(work() + "/other", "not a key file");
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "H"}, {"rsa/a.key", "A"}}));
+}
+
+TEST_F(MirrorTest, CopiesEveryKindOfLocalKeyFile) {
+    const Tree flash = {{"hostkey", "1"},       {"serverkey", "2"},   {"dsakey", "3"},
+                        {"ecdsakey", "4"},      {"pkey/rsa/r.key", "5"}, {"pkey/dsa/d.key", "6"},
+                        {"pkey/ecdsa/e.key", "7"}};
+    for (const auto &[rel, content] : flash) put(work() + "/" + rel, content);
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "1"},
+                                 {"serverkey", "2"},
+                                 {"dsakey", "3"},
+                                 {"ecdsakey", "4"},
+                                 {"rsa/r.key", "5"},
+                                 {"dsa/d.key", "6"},
+                                 {"ecdsa/e.key", "7"}}));
+}
+
+TEST_F(MirrorTest, APresentMirrorIsNeverRefreshed) {
+    put(work() + "/hostkey", "first");
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    put(work() + "/hostkey", "second");
+    put(work() + "/dsakey", "new");
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "first"}}));
+}
+
+TEST_F(MirrorTest, AnEmptyWorkDirectoryLeavesTheMirrorAbsentUntilThereIsAKey) {
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    EXPECT_FALSE(fsys::exists(mem()));
+    put(work() + "/ecdsakey", "E");
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    EXPECT_EQ(tree(mem()), (Tree{{"ecdsakey", "E"}}));
+}
+
+TEST_F(MirrorTest, FollowsTheRunningNode) {
+    HOST_SetSelfNode(3);
+    put(store.work_dir(3) + "/hostkey", "three");
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    EXPECT_EQ(tree(store.mem_dir(3) + "/pkey"), (Tree{{"hostkey", "three"}}));
+    EXPECT_FALSE(fsys::exists(mem()));
+    HOST_SetSelfNode(1);
+}
+
+TEST_F(MirrorTest, CopyFile2FileCopiesWholeFilesAndRefusesMissingOnes) {
+    put(store.root() + "/a", "content");
+    EXPECT_EQ(PKEY_CFGMNG_CopyFile2File((store.root() + "/a").c_str(),
+                                        (store.root() + "/x/b").c_str()),
+              0);
+    EXPECT_EQ(get(store.root() + "/x/b"), "content");
+    EXPECT_EQ(PKEY_CFGMNG_CopyFile2File((store.root() + "/none").c_str(),
+                                        (store.root() + "/x/c").c_str()),
+              static_cast<int>(PKEY_ERR_FAILED));
+}
+
+class BackupTest : public ::testing::Test {
+protected:
+    pkey::test::TempStore store;
+};
+
+TEST_F(BackupTest, NodeStatusIsNormalUnlessThePlatformSaysOtherwise) {
+    EXPECT_EQ(PKEY_BACKUP_IsNodeStatusNormal(2), 1);
+    HOST_SetNodeStatus(2, 3);
+    EXPECT_EQ(PKEY_BACKUP_IsNodeStatusNormal(2), 0);
+    EXPECT_EQ(PKEY_BACKUP_IsNodeStatusNormal(0x10002), 0);  // low 16 bits only
+    EXPECT_EQ(PKEY_BACKUP_IsNodeStatusNormal(3), 1);
+}
+
+TEST_F(BackupTest, RealTimeBackupRepeatsTheOperationOnEveryStandbyNode) {
+    PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_RSA, 3, "key", "", PKEY_FS_WriteDataToVFS, PKEY_KEY_HOST);
+    EXPECT_TRUE(tree(store.root()).count("node2/flash/hostkey") == 0);  // no standby yet
+
+    const unsigned short standby[] = {2, 3};
+    HOST_SetStandbyNodes(standby, 2);
+    PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_RSA, 3, "key", "", PKEY_FS_WriteDataToVFS, PKEY_KEY_HOST);
+    PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_ECDSA, 2, "nk", "named", PKEY_FS_WriteDataToVFS,
+                              PKEY_KEY_HOST);
+    for (unsigned int node : {2u, 3u})
+        EXPECT_EQ(tree(store.work_dir(node)),
+                  (Tree{{"hostkey", "key"}, {"pkey/ecdsa/named.key", "nk"}}))
+            << node;
+    EXPECT_FALSE(fsys::exists(store.work_dir(1)));  // only standby nodes are written
+    EXPECT_FALSE(fsys::exists(store.mem_dir(2)));   // and only their device copies
+
+    PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_RSA, 0, nullptr, "", remove_op, PKEY_KEY_HOST);
+    for (unsigned int node : {2u, 3u})
+        EXPECT_EQ(tree(store.work_dir(node)), (Tree{{"pkey/ecdsa/named.key", "nk"}})) << node;
+}
+
+TEST_F(BackupTest, BatchMakesTheStandbysFlashStoreEqualAbsenceIncluded) {
+    const Tree active = {{"hostkey", "H"},          {"serverkey", "S"},       {"dsakey", "D"},
+                         {"pkey/rsa/a.key", "ra"},   {"pkey/dsa/b.key", "db"}, {"other", "kept"}};
+    for (const auto &[rel, content] : active) put(store.work_dir(1) + "/" + rel, content);
+    // The standby has stale keys: a named key deleted here, an ECDSA host key
+    // this node does not have, an old host key, and memory copies.
+    put(store.work_dir(2) + "/pkey/rsa/gone.key", "stale");
+    put(store.work_dir(2) + "/ecdsakey", "stale");
+    put(store.work_dir(2) + "/hostkey", "old");
+    put(store.work_dir(2) + "/unrelated", "theirs");
+    put(store.mem_dir(2) + "/pkey/hostkey", "old");
+    put(store.mem_dir(2) + "/pkey/rsa/gone.key", "stale");
+
+    EXPECT_EQ(PKEY_BACKUP_Batch(2), -1);  // no ECDSA host key here
+    EXPECT_EQ(tree(store.work_dir(2)), (Tree{{"hostkey", "H"},
+                                             {"serverkey", "S"},
+                                             {"dsakey", "D"},
+                                             {"pkey/rsa/a.key", "ra"},
+                                             {"pkey/dsa/b.key", "db"},
+                                             {"unrelated", "theirs"}}));
+    EXPECT_FALSE(fsys::exists(store.mem_dir(2) + "/pkey"));
+
+    put(store.work_dir(1) + "/ecdsakey", "E");
+    EXPECT_EQ(PKEY_BACKUP_Batch(2), 0);
+    EXPECT_EQ(get(store.work_dir(2) + "/ecdsakey"), "E");
+}
+
+TEST_F(BackupTest, BatchRefusesToCopyAStoreOntoItself) {
+    put(store.work_dir(1) + "/pkey/rsa/a.key", "ra");
+    put(store.work_dir(1) + "/hostkey", "H");
+    EXPECT_EQ(PKEY_BACKUP_BatchDevProc(1), static_cast<int>(PKEY_ERR_FAILED));
+    EXPECT_EQ(tree(store.work_dir(1)), (Tree{{"hostkey", "H"}, {"pkey/rsa/a.key", "ra"}}));
+}
+
+TEST(BackupPaths, AnUnresolvableWorkDirectoryStopsTheCopyButNotTheCleanUp) {
+    // A store root too long for the batch's work-directory buffers.
+    pkey::test::TempStore base;
+    const std::string deep = base.root() + "/" + std::string(120, 'd') + "/" + std::string(120, 'e');
+    ASSERT_EQ(HOST_Open(deep.c_str()), 0);
+    const std::string mem2 = deep + "/node2/run/pkey";
+    put(mem2 + "/hostkey", "old");
+    put(deep + "/node1/flash/hostkey", "H");
+
+    const int r = PKEY_BACKUP_Batch(2);
+    EXPECT_NE(r, 0);
+    EXPECT_NE(r, -1);
+    EXPECT_FALSE(fsys::exists(mem2));
+    EXPECT_FALSE(fsys::exists(deep + "/node2/flash"));
+    base.use();
+}
+
+}  // namespace
