@@ -1,9 +1,24 @@
 /*
- * pkey_local.h - the device's own key pairs: generation.
+ * pkey_local.h - the device's own key pairs: generation, key files, lookup,
+ * checks, creation and replacement.
  *
  * Generators hand back a new EVP_PKEY that the caller frees with
  * EVP_PKEY_free, or NULL on any failure: memory alarm raised, unknown type,
  * size out of range, a curve the current mode refuses, or an OpenSSL failure.
+ *
+ * A key file is the store record (pkey_pubkey.h) with its body enciphered by
+ * the platform's key-file cipher: the 84-byte header stays plain and the file
+ * is the record length + 19 bytes long. Each key has two copies with the same
+ * bytes, in the node's memory directory and in its flash work directory; the
+ * memory copy is written first, and a failure of either write removes both.
+ * Only the memory copy is ever read. After a successful write the file image
+ * goes to every standby node. The protection byte of the record says how the
+ * body is kept: 0 or 1 plain, 3 enciphered with an MD5 digest, 4 enciphered
+ * with a SHA-256 digest; 2 is never written. In FIPS mode only 4 is read.
+ *
+ * Status results are 0 for success and PKEY_ERR_FAILED for failure unless a
+ * function says it passes another code on. Keys and records handed out
+ * belong to the caller.
  *
  * DSA domain parameters are derived deterministically from the library's
  * fixed seed: every generation of one size, in any process on any machine,
@@ -13,6 +28,7 @@
 #ifndef PKEY_LOCAL_H
 #define PKEY_LOCAL_H
 
+#include <dirent.h>
 #include <openssl/evp.h>
 
 #include "pkey_types.h"
@@ -36,6 +52,115 @@ PKEY_API EVP_PKEY *PKEY_GenerateECKey(int curveNid);
 PKEY_API EVP_PKEY *PKEY_LOCAL_GenerateReserve(unsigned int bits);
 /* Size of the RSA server key that goes with a host key; 0 for none. */
 PKEY_API unsigned int PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(unsigned int hostKeyBits);
+
+/* ---- Records handed out ------------------------------------------------- */
+
+/* A key read from its key file with the creation time of its record. Free
+ * with PKEY_LOCAL_DestoryEvpkeyWithTime. */
+typedef struct tagPKEY_KEY_WITH_TIME {
+    EVP_PKEY *pstKey;   /* owned by the record */
+    char szTime[9];     /* "HH:MM:SS" */
+    char szDate[11];    /* "YYYY/MM/DD" */
+} PKEY_KEY_WITH_TIME_S;
+
+/* Flags of a local key info record. */
+#define PKEY_INFO_NEXT_SERVER 0x1U  /* the next step of an enumeration is the server key */
+#define PKEY_INFO_NEXT_DIR 0x2U     /* the next step reads the key directory */
+#define PKEY_INFO_HAS_KEY 0x10U     /* the record describes a key that could be read */
+
+/* Description of one local key for display. Free with
+ * PKEY_LOCAL_DestroyLocalKeyInfo. */
+typedef struct tagPKEY_LOCAL_KEY_INFO {
+    unsigned int uiAlgId;        /* pkey alg id; 4 when no key was read */
+    unsigned int uiBits;
+    char szName[65];             /* key name, or default name + "(default)" */
+    char szTime[21];             /* "HH:MM:SS YYYY/MM/DD" */
+    char *pcPubKeyText;          /* owned: DER public key as key-code text */
+    struct dirent *pstPosition;  /* the enumeration's entry buffer, or NULL */
+    unsigned int uiFlags;        /* PKEY_INFO_* */
+} PKEY_LOCAL_KEY_INFO_S;
+
+/* ---- Key files ----------------------------------------------------------- */
+
+/* Saves a caller's key pair as a named host key of its algorithm; the name
+ * must not be empty. The caller keeps the key. */
+PKEY_API int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key);
+/* Builds the record of key, stamps kind and name (cut to 64 characters) and
+ * writes the key file; 0 or the writer's code. */
+PKEY_API int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *key,
+                                     const char *name);
+/* Writes a record as key file: memory copy, device copy, then the standby
+ * nodes. 0, PKEY_ERR_FAILED, or the cipher's or writer's own code. */
+PKEY_API int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
+                                         const unsigned char *record, unsigned int len,
+                                         const char *name);
+/* The plain record of a key, read from the memory copy and deciphered (free
+ * with free()), its length in *len; NULL on any failure. */
+PKEY_API unsigned char *PKEY_LOCAL_ReadKeyToBuf(unsigned int algId, unsigned int keyKind,
+                                                const char *name, unsigned int *len);
+/* Deciphers a key file image of inLen bytes into out (cap bytes; may be the
+ * same buffer as in); 0 or PKEY_ERR_FAILED. */
+PKEY_API int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in, unsigned int cap,
+                                    unsigned char *out, unsigned int *outLen);
+/* Integrity check of a plain record: length, protection, digest, marker.
+ * 1 if sound, else 0; the protection byte goes to *protection when given. */
+PKEY_API int PKEY_LOCAL_GetKeyStatusFromDataBuf(unsigned char *record, unsigned int len,
+                                                unsigned char *protection);
+/* A checked key with its creation time, or NULL. */
+PKEY_API PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId,
+                                                           unsigned int keyKind,
+                                                           const char *name);
+PKEY_API void PKEY_LOCAL_DestoryEvpkeyWithTime(PKEY_KEY_WITH_TIME_S *keyWithTime);
+PKEY_API void PKEY_LOCAL_DestroyLocalKeyInfo(PKEY_LOCAL_KEY_INFO_S *info);
+
+/* ---- Names, lookup and checks -------------------------------------------- */
+
+/* 1 for an ASCII letter, digit or '-', else 0. */
+PKEY_API int PKEY_LOCAL_IsKeyNameCharValid(int c);
+/* 0 for a non-empty name of valid characters, else PKEY_ERR_FAILED. */
+PKEY_API int PKEY_CheckLocalKeyName(const char *name);
+/* Replaces every invalid character of name by '-', in place. */
+PKEY_API void PKEY_AdjustLocalKeyNameToValid(char *name);
+/* A stored key of (algorithm, kind, name) that passes its integrity check,
+ * or NULL. The empty name is the default key of the kind. */
+PKEY_API EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKind,
+                                        const char *name);
+/* The host key (or named key pair) of an EVP key type, or NULL. */
+PKEY_API EVP_PKEY *PKEY_GetHostKey(int evpType, const char *name);
+/* The RSA server key, or NULL (also for any type but RSA). */
+PKEY_API EVP_PKEY *PKEY_GetServerKey(int evpType, const char *name);
+/* 1 if the memory copy of the host key exists as a regular file, else 0. */
+PKEY_API int PKEY_LOCAL_IsKeyExist(unsigned int algId, const char *name);
+PKEY_API int PKEY_IsKeyExist(int evpType, const char *name);
+/* Cuts ".key" off a key file name in place: 0, or PKEY_ERR_FAILED when the
+ * name does not end in ".key" (left unchanged). */
+PKEY_API int PKEY_LOCAL_GetLocalKeyName(char *fileName);
+/* 0 if a user file operation may use this full file name, PKEY_ERR_FAILED if
+ * it reaches the key store. The last three arguments go to the platform's
+ * file-name check. */
+PKEY_API int PKEY_LOCAL_CheckFullFileName(const char *fullName, unsigned int mode,
+                                          unsigned int flags, unsigned int reserved);
+/* Removes every stored key file under storagePath (a key store path ending
+ * in "/", such as "<work>/pkey/") that can be read and that the FIPS policy
+ * refuses: not SHA-256 protected, too small, or on a refused curve. Returns
+ * the result of the ECDSA sweep. */
+PKEY_API int PKEY_DestroyNonFIPSApprovedKeyPairs(const char *storagePath);
+
+/* ---- Creating and replacing ---------------------------------------------- */
+
+/* Generates one key pair and saves it under (algorithm, kind, name). */
+PKEY_API int PKEY_LOCAL_GenerateOneKey(unsigned int algId, int curveNid, unsigned int keyKind,
+                                       unsigned int bits, const char *name);
+/* Generates the host key of a request and, for the default RSA host key
+ * outside FIPS mode, its server key (whose failure is not reported). */
+PKEY_API int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request);
+/* Makes a new RSA server key the size of the old one (or derived from the
+ * host key's size when there is none). */
+PKEY_API int PKEY_UpdateServerKey(int evpType, const char *name);
+/* Stores a caller's key pair as the default host key of its algorithm. */
+PKEY_API int PKEY_SaveHostKey(EVP_PKEY *key);
+/* Stores a caller's key pair as the server key file, whatever its algorithm. */
+PKEY_API int PKEY_SaveServerKey(EVP_PKEY *key);
 
 #ifdef __cplusplus
 }

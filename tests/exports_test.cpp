@@ -62,6 +62,19 @@ const std::set<std::string> kCoreExports = {
     "PKEY_PUBKEY_ConvertRSAKeyToStoreBuf", "PKEY_PUBKEY_ConvertDSAKeyToStoreBuf",
     "PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf", "PKEY_PUBKEY_FillBN2StoreBuf",
     "PKEY_PUBKEY_GetBNFromBuf", "PKEY_PUBKEY_DER2BdrnBuf",
+    // key files
+    "PKEY_SaveLocalKey", "PKEY_LOCAL_SaveLocalKey", "PKEY_LOCAL_WriteKeyBufToDev",
+    "PKEY_LOCAL_ReadKeyToBuf", "PKEY_LOCAL_DecryptPKey", "PKEY_LOCAL_GetKeyStatusFromDataBuf",
+    "PKEY_LOCAL_ReadKeyToEvpPkey", "PKEY_LOCAL_DestoryEvpkeyWithTime",
+    "PKEY_LOCAL_DestroyLocalKeyInfo",
+    // local key names, lookup and checks
+    "PKEY_LOCAL_IsKeyNameCharValid", "PKEY_CheckLocalKeyName", "PKEY_AdjustLocalKeyNameToValid",
+    "PKEY_LOCAL_GetLocKey", "PKEY_GetHostKey", "PKEY_GetServerKey", "PKEY_LOCAL_IsKeyExist",
+    "PKEY_IsKeyExist", "PKEY_LOCAL_GetLocalKeyName", "PKEY_LOCAL_CheckFullFileName",
+    "PKEY_DestroyNonFIPSApprovedKeyPairs",
+    // creating and replacing local keys
+    "PKEY_LOCAL_GenerateOneKey", "PKEY_LOCAL_GenerateKey", "PKEY_UpdateServerKey",
+    "PKEY_SaveHostKey", "PKEY_SaveServerKey",
 };
 
 const std::set<std::string> kHostExports = {
