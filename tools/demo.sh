@@ -12,6 +12,16 @@ run() {
   "$ctl" --root "$store" "$@"
 }
 
+# A step the store must refuse: its message is shown, its failure expected.
+refused() {
+  echo
+  echo "\$ pkeyctl $*    # refused on purpose"
+  if "$ctl" --root "$store" "$@"; then
+    echo "demo: expected a refusal" >&2
+    exit 1
+  fi
+}
+
 echo "pkey demo: store at $store"
 run fips off
 run policy
@@ -19,7 +29,21 @@ run keygen rsa --bits 2048
 run keygen dsa --bits 1024
 run keygen ecdsa
 run keygen ecdsa --curve p384
+run local create rsa --bits 2048
+run local create dsa --bits 1024
+run local create ecdsa --curve p256
+run local create rsa --bits 1024 --name backup-1
+run local get rsa
+run local get rsa --server
+run local get dsa
+run local get ecdsa
+run local get rsa --name backup-1
 run fips on
 run policy
 run keygen ecdsa
+# Keys written outside FIPS mode carry an MD5 digest: FIPS mode will not read them.
+refused local get rsa
+refused local create rsa --bits 1024 --name small
+run local create ecdsa --curve p384 --name fips-key
+run local get ecdsa --name fips-key
 run fips off

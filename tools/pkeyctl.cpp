@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "host_platform.h"
+#include "pkey_fs.h"
 #include "pkey_local.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
@@ -80,6 +81,11 @@ void print_help() {
         "  fips status|on|off             show or switch the store's FIPS mode\n"
         "  keygen rsa|dsa|ecdsa [--bits N] [--curve p192|p256|p384|p521]\n"
         "                                 generate a key pair in memory and describe it\n"
+        "  local create rsa|dsa|ecdsa [--bits N] [--curve C] [--name NAME]\n"
+        "                                 create and store a host key or named key pair\n"
+        "                                 (the default RSA host key brings its server key)\n"
+        "  local get rsa|dsa|ecdsa [--name NAME] [--server]\n"
+        "                                 read a stored key back and describe it\n"
         "\n"
         "options:\n"
         "  --root DIR    the store (default: $PKEY_ROOT, else ./pkey-store)\n"
@@ -124,30 +130,67 @@ int cmd_fips(const std::vector<std::string> &args) {
     return kOk;
 }
 
-int cmd_keygen(const std::vector<std::string> &args) {
+// Options shared by the key commands.
+struct KeyOptions {
     const Algorithm *alg = nullptr;
     std::optional<unsigned int> bits;
     const Curve *curve = nullptr;
+    std::string name;
+    bool server = false;
+};
+
+// Parses ALG and the options a command allows; returns kOk or a usage error.
+int parse_key_options(const char *command, const std::vector<std::string> &args,
+                      std::string_view allowed, KeyOptions &out) {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
-        if ((a == "--bits" || a == "--curve") && i + 1 >= args.size())
-            return usage_error("%s needs a value", a.c_str());
+        const bool takes_value = a == "--bits" || a == "--curve" || a == "--name";
+        if (a.rfind("--", 0) == 0 && allowed.find(a) == std::string_view::npos)
+            return usage_error("unknown option '%s'", a.c_str());
+        if (takes_value && i + 1 >= args.size()) return usage_error("%s needs a value", a.c_str());
         if (a == "--bits") {
             char *end = nullptr;
             const unsigned long v = std::strtoul(args[++i].c_str(), &end, 10);
             if (*end != '\0' || v == 0 || v > 16384)
                 return usage_error("bad key size '%s'", args[i].c_str());
-            bits = static_cast<unsigned int>(v);
+            out.bits = static_cast<unsigned int>(v);
         } else if (a == "--curve") {
-            curve = find_curve(args[++i]);
-            if (curve == nullptr) return usage_error("unknown curve '%s'", args[i].c_str());
-        } else if (alg == nullptr && find_algorithm(a) != nullptr) {
-            alg = find_algorithm(a);
+            out.curve = find_curve(args[++i]);
+            if (out.curve == nullptr) return usage_error("unknown curve '%s'", args[i].c_str());
+        } else if (a == "--name") {
+            out.name = args[++i];
+        } else if (a == "--server") {
+            out.server = true;
+        } else if (out.alg == nullptr && find_algorithm(a) != nullptr) {
+            out.alg = find_algorithm(a);
         } else {
             return usage_error("unexpected argument '%s'", a.c_str());
         }
     }
-    if (alg == nullptr) return usage_error("keygen needs an algorithm: rsa, dsa or ecdsa");
+    if (out.alg == nullptr) return usage_error("%s needs an algorithm: rsa, dsa or ecdsa", command);
+    return kOk;
+}
+
+void print_key(const char *label, const EVP_PKEY *key) {
+    std::printf("%-22s %-6s %5u bits", label,
+                EVP_PKEY_get_id(key) == EVP_PKEY_RSA   ? "rsa"
+                : EVP_PKEY_get_id(key) == EVP_PKEY_DSA ? "dsa"
+                                                       : "ecdsa",
+                PKEY_PUBKEY_GetKeyBits(key));
+    if (EVP_PKEY_get_id(key) == EVP_PKEY_EC) {
+        char group[64] = "";
+        size_t len = 0;
+        EVP_PKEY_get_group_name(key, group, sizeof group, &len);
+        std::printf("  curve %s", group);
+    }
+}
+
+int cmd_keygen(const std::vector<std::string> &args) {
+    KeyOptions opts;
+    if (const int r = parse_key_options("keygen", args, "--bits --curve", opts); r != kOk) return r;
+    const Algorithm *alg = opts.alg;
+    const std::optional<unsigned int> bits = opts.bits;
+    const Curve *curve = opts.curve;
 
     const auto start = std::chrono::steady_clock::now();
     pkey::EvpPkeyPtr key;
@@ -163,18 +206,93 @@ int cmd_keygen(const std::vector<std::string> &args) {
                              "OpenSSL)\n", alg->option);
         return kFailed;
     }
-    const int type = EVP_PKEY_get_id(key.get());
-    std::printf("%-6s type %-4d %5u bits", alg->option, type, PKEY_PUBKEY_GetKeyBits(key.get()));
-    if (type == EVP_PKEY_EC) {
-        char group[64] = "";
-        size_t len = 0;
-        EVP_PKEY_get_group_name(key.get(), group, sizeof group, &len);
-        std::printf("  curve %s", group);
-    }
+    print_key("generated", key.get());
     std::printf("  valid now: %s  FIPS-strength: %s  (%.1f ms)\n",
                 PKEY_PUBKEY_IsKeyLenValid(key.get()) == 1 ? "yes" : "no",
                 PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()) == 1 ? "yes" : "no", ms);
     return kOk;
+}
+
+// The default RSA key size when none is given, and DSA's alike.
+constexpr unsigned int kDefaultBits = 2048;
+constexpr unsigned int kMaxPolicyBits = 2048;
+
+const char *display_name(const KeyOptions &opts) {
+    return opts.name.empty() ? PKEY_FS_GetPKEYDefaultKeyName(
+                                   opts.alg->alg_id, opts.server ? PKEY_KEY_SERVER : PKEY_KEY_HOST)
+                             : opts.name.c_str();
+}
+
+int cmd_local_create(const std::vector<std::string> &args) {
+    KeyOptions opts;
+    if (const int r = parse_key_options("local create", args, "--bits --curve --name", opts);
+        r != kOk)
+        return r;
+    if (!opts.name.empty() && PKEY_CheckLocalKeyName(opts.name.c_str()) != 0) {
+        std::fprintf(stderr, "pkeyctl: local create: bad key name '%s' (letters, digits and '-' "
+                             "only)\n", opts.name.c_str());
+        return kFailed;
+    }
+    if (opts.name.size() >= PKEY_KEYGEN_NAME_LEN - 3)
+        return usage_error("key name '%s' is too long", opts.name.c_str());
+    // The library stores whatever size it is given; the policy is the
+    // configuration service's to apply before asking.
+    const unsigned int bits = opts.bits.value_or(kDefaultBits);
+    const unsigned int min_bits = PKEY_PUBKEY_GetMinKeyBits(opts.alg->alg_id);
+    if (opts.alg->alg_id != PKEY_ALG_ECDSA && (bits < min_bits || bits > kMaxPolicyBits)) {
+        std::fprintf(stderr, "pkeyctl: local create %s: %u bits is outside the policy (%u to %u "
+                             "bits in %s mode)\n", opts.alg->option, bits, min_bits,
+                     kMaxPolicyBits, CRYPTO_FIPSIsEnabled() == 1 ? "FIPS" : "non-FIPS");
+        return kFailed;
+    }
+    PKEY_KEYGEN_REQ_S request{};
+    request.uiAlgId = opts.alg->alg_id;
+    request.uiKeyBits = bits;
+    std::snprintf(request.szKeyName, sizeof request.szKeyName, "%s", opts.name.c_str());
+    request.uiCurveNid = static_cast<unsigned int>(
+        opts.curve != nullptr ? opts.curve->nid : PKEY_PUBKEY_GetMinECKeyNid());
+    const auto start = std::chrono::steady_clock::now();
+    if (PKEY_LOCAL_GenerateKey(&request) != 0) {
+        std::fprintf(stderr, "pkeyctl: local create %s: refused or failed (size or curve not "
+                             "allowed, memory alarm, or the store could not be written)\n",
+                     opts.alg->option);
+        return kFailed;
+    }
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    std::printf("created %s key %s (%.0f ms)\n", opts.alg->option, display_name(opts), ms);
+    return kOk;
+}
+
+int cmd_local_get(const std::vector<std::string> &args) {
+    KeyOptions opts;
+    if (const int r = parse_key_options("local get", args, "--name --server", opts); r != kOk)
+        return r;
+    if (opts.server && opts.alg->alg_id != PKEY_ALG_RSA)
+        return usage_error("only RSA has a server key");
+    const unsigned int kind = opts.server ? PKEY_KEY_SERVER : PKEY_KEY_HOST;
+    PKEY_KEY_WITH_TIME_S *stored = PKEY_LOCAL_ReadKeyToEvpPkey(opts.alg->alg_id, kind,
+                                                               opts.name.c_str());
+    pkey::EvpPkeyPtr key(opts.server ? PKEY_GetServerKey(opts.alg->evp_type, opts.name.c_str())
+                                     : PKEY_GetHostKey(opts.alg->evp_type, opts.name.c_str()));
+    if (!key || stored == nullptr) {
+        PKEY_LOCAL_DestoryEvpkeyWithTime(stored);
+        std::fprintf(stderr, "pkeyctl: local get %s: no readable key %s\n", opts.alg->option,
+                     display_name(opts));
+        return kFailed;
+    }
+    print_key(display_name(opts), key.get());
+    std::printf("  created %s %s\n", stored->szDate, stored->szTime);
+    PKEY_LOCAL_DestoryEvpkeyWithTime(stored);
+    return kOk;
+}
+
+int cmd_local(const std::vector<std::string> &args) {
+    if (args.empty()) return usage_error("local needs an action: create or get");
+    const std::vector<std::string> rest(args.begin() + 1, args.end());
+    if (args[0] == "create") return cmd_local_create(rest);
+    if (args[0] == "get") return cmd_local_get(rest);
+    return usage_error("unknown local action '%s'", args[0].c_str());
 }
 
 }  // namespace
@@ -216,5 +334,6 @@ int main(int argc, char **argv) {
     if (command == "policy") return cmd_policy();
     if (command == "fips") return cmd_fips(rest);
     if (command == "keygen") return cmd_keygen(rest);
+    if (command == "local") return cmd_local(rest);
     return usage_error("unknown command '%s'", command.c_str());
 }
