@@ -162,6 +162,67 @@ PKEY_API int PKEY_SaveHostKey(EVP_PKEY *key);
 /* Stores a caller's key pair as the server key file, whatever its algorithm. */
 PKEY_API int PKEY_SaveServerKey(EVP_PKEY *key);
 
+/* ---- Enumeration and public key export ------------------------------------ */
+
+/* Export forms of a public key. RSA has all three; DSA and ECDSA SSH2 and
+ * OpenSSH only. */
+#define PKEY_EXPORT_SSH1 0U
+#define PKEY_EXPORT_SSH2 1U
+#define PKEY_EXPORT_OPENSSH 2U
+
+/* State of one enumeration of an algorithm's local keys. */
+typedef struct tagPKEY_LOCAL_NEXT_HANDLE {
+    unsigned int uiAlgId;
+    DIR *pstDir;              /* the memory key directory, NULL if it could not be opened */
+    struct dirent *pstEntry;  /* the entry buffer the records' positions point at */
+} PKEY_LOCAL_NEXT_HANDLE_S;
+
+/* Enumeration: GetNextInit, GetFirst (the default host key), then GetNext with
+ * the last record until it returns NULL (for RSA the server key comes second,
+ * then every file of the key directory), then GetNextFinal. Every record is
+ * the caller's (PKEY_LOCAL_DestroyLocalKeyInfo); one without
+ * PKEY_INFO_HAS_KEY stands for a missing or unreadable key. */
+PKEY_API PKEY_LOCAL_NEXT_HANDLE_S *PKEY_LOCAL_GetNextInit(unsigned int algId);
+PKEY_API PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetFirst(PKEY_LOCAL_NEXT_HANDLE_S *handle);
+PKEY_API PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetNext(PKEY_LOCAL_NEXT_HANDLE_S *handle,
+                                                   PKEY_LOCAL_KEY_INFO_S *previous);
+PKEY_API void PKEY_LOCAL_GetNextFinal(PKEY_LOCAL_NEXT_HANDLE_S *handle);
+PKEY_API void PKEY_LOCAL_DestoryNextHandle(PKEY_LOCAL_NEXT_HANDLE_S *handle);
+/* Describes one stored key; NULL only when memory runs out. */
+PKEY_API PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetLocPubKeyInfo(unsigned int algId,
+                                                            unsigned int keyKind,
+                                                            const char *name);
+/* The public key of a host key (or named key pair) in an export form, as
+ * text ending in CR LF (free with free()); NULL for a refused pair of
+ * algorithm and form or a missing key. */
+PKEY_API char *PKEY_LOCAL_GetPubKeyValue(unsigned int algId, unsigned int format,
+                                         const char *name);
+/* Prints that text followed by CR LF on standard output when file is "",
+ * else writes it to file. 0, PKEY_ERR_FAILED or the writer's code. */
+PKEY_API int PKEY_LOCAL_ExportPubKey(unsigned int algId, const char *name, unsigned int format,
+                                     const char *file);
+/* Writers of the three forms (rows of g_apfPKEYAppendBuf): append to buf of
+ * size bytes; 0, or PKEY_ERR_FAILED for an SSH1 key of size 0. */
+PKEY_API unsigned int PKEY_LOCAL_AppendBufFromSSH1(unsigned int algId, EVP_PKEY *key,
+                                                   const char *body, const char *date,
+                                                   unsigned int size, char *buf);
+PKEY_API unsigned int PKEY_LOCAL_AppendBufFromSSH2(unsigned int algId, EVP_PKEY *key,
+                                                   const char *body, const char *date,
+                                                   unsigned int size, char *buf);
+PKEY_API unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PKEY *key,
+                                                      const char *body, const char *date,
+                                                      unsigned int size, char *buf);
+
+/* ---- Destroying ---------------------------------------------------------- */
+
+/* Removes both copies of one key file, each under its own lock (memory
+ * first), and tells the standby nodes when the device copy went. A key that
+ * is not there is no error. */
+PKEY_API int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind, const char *name);
+/* Destroys the host key of a request; the default RSA host key takes its
+ * server key with it. */
+PKEY_API int PKEY_LOCAL_DestroyKey(const PKEY_KEYGEN_REQ_S *request);
+
 #ifdef __cplusplus
 }
 #endif

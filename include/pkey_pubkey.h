@@ -150,6 +150,46 @@ PKEY_API void PKEY_PUBKEY_GetBNFromBuf(const unsigned char **cursor, unsigned in
  * hex, "\r\n" at the end. Free with free(). */
 PKEY_API char *PKEY_PUBKEY_DER2BdrnBuf(const unsigned char *der, unsigned int derLen);
 
+/* ---- SSH public key blob and Base64 --------------------------------------- */
+
+/* The public key as text: with ssh2 0 the SSH1 form "e n" in decimal (RSA
+ * only; *outLen = its length), otherwise the SSH2 key buffer in one line of
+ * Base64 (*outLen = character count + 1). Free with free(); NULL on failure. */
+PKEY_API char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2, unsigned int *outLen);
+/* A public key from the Base64 of an SSH key buffer ("ssh-rsa" and its
+ * x509v3/spki/pgp aliases, "ssh-dss", "ecdsa-..."); no blanks or line breaks
+ * are skipped. A new key, or NULL. */
+PKEY_API EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text);
+/* 1 if both keys hold the same public key (RSA n and e; DSA p, q, g, y; EC
+ * point on the second key's group), else 0. */
+PKEY_API int PKEY_CmpPubKey(const EVP_PKEY *a, const EVP_PKEY *b);
+
+/* Key buffer size bound per algorithm (rows of g_apfPKEYGetBufLenFromKey);
+ * 0 when ssh2 is 0 or the key is not of the row's algorithm. */
+PKEY_API unsigned int PKEY_PUBKEY_GetBufLenFromKeyReserve(EVP_PKEY *key, int ssh2);
+PKEY_API unsigned int PKEY_PUBKEY_GetBufLenFromRSAKey(EVP_PKEY *key, int ssh2);
+PKEY_API unsigned int PKEY_PUBKEY_GetBufLenFromDSAKey(EVP_PKEY *key, int ssh2);
+PKEY_API unsigned int PKEY_PUBKEY_GetBufLenFromECDSAKey(EVP_PKEY *key, int ssh2);
+/* Key buffer writers per algorithm (rows of g_apfPKEYFillKeyToBuf): write at
+ * buf (which holds the row's bound), store the length, return 0 or
+ * PKEY_ERR_FAILED. */
+PKEY_API unsigned int PKEY_PUBKEY_FillKeyToBufReserve(EVP_PKEY *key, unsigned char *buf,
+                                                      unsigned int *written);
+PKEY_API unsigned int PKEY_PUBKEY_FillRSAKeyToBuf(EVP_PKEY *key, unsigned char *buf,
+                                                  unsigned int *written);
+PKEY_API unsigned int PKEY_PUBKEY_FillDSAKeyToBuf(EVP_PKEY *key, unsigned char *buf,
+                                                  unsigned int *written);
+PKEY_API unsigned int PKEY_PUBKEY_FillECDSAKeyToBuf(EVP_PKEY *key, unsigned char *buf,
+                                                    unsigned int *written);
+/* Writes one SSH mpint at *cursor (a 0x00 byte before a magnitude whose top
+ * bit is set), advances it and adds 4 + length to *total. */
+PKEY_API void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor,
+                                      unsigned int *total);
+/* Reads one SSH mpint within *remaining bytes into *bnOut; 0 or
+ * PKEY_ERR_FAILED (a length beyond what remains is refused). */
+PKEY_API unsigned int PKEY_PUBKEY_GetBNFromKeyBuf(const unsigned char **cursor,
+                                                  unsigned int *remaining, BIGNUM **bnOut);
+
 #ifdef __cplusplus
 }
 #endif

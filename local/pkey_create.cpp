@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "pkey_local.h"
+#include "pkey_local_internal.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
@@ -46,11 +47,8 @@ int PKEY_LOCAL_GenerateOneKey(unsigned int algId, int curveNid, unsigned int key
 
 int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) {
     if (request == nullptr) return kFailed;
-    // The name field may arrive unterminated; never read past it.
     char name[PKEY_KEYGEN_NAME_LEN];
-    const size_t name_len = strnlen(request->szKeyName, sizeof name - 1);
-    std::memcpy(name, request->szKeyName, name_len);
-    name[name_len] = '\0';
+    pkey::local::request_name(*request, name);
     const int r = PKEY_LOCAL_GenerateOneKey(request->uiAlgId,
                                             static_cast<int>(request->uiCurveNid), PKEY_KEY_HOST,
                                             request->uiKeyBits, name);

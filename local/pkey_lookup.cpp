@@ -16,6 +16,7 @@
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
+#include "pubkey/pkey_pubkey_internal.hpp"
 
 namespace {
 
@@ -26,23 +27,13 @@ constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 constexpr const char *kKeyFileExt = ".key";
 constexpr unsigned short kNoLocation = 0xFFFF;
 
-// Curve NID of an EC key; NID_undef when it has no named curve.
-int curve_nid(const EVP_PKEY *key) noexcept {
-    char name[80] = "";
-    size_t len = 0;
-    if (EVP_PKEY_get_group_name(key, name, sizeof name, &len) != 1) return NID_undef;
-    int nid = OBJ_txt2nid(name);
-    if (nid == NID_undef) nid = EC_curve_nist2nid(name);
-    return nid;
-}
-
 // A stored key passes when it is SHA-256 protected and its size or curve is
 // one the policy admits now.
 bool passes_fips_policy(const EVP_PKEY *key, unsigned int alg, unsigned char protection) noexcept {
     if (protection != PKEY_STORE_PROTECT_SHA256) return false;
     if (alg == PKEY_ALG_RSA || alg == PKEY_ALG_DSA)
         return PKEY_PUBKEY_GetPubKeySize(key) >= PKEY_PUBKEY_GetMinKeyBits(alg);
-    return PKEY_IsValidECDSACurve(curve_nid(key)) == 1;
+    return PKEY_IsValidECDSACurve(pkey::pubkey::ec_curve_nid(key)) == 1;
 }
 
 // Removes the key file at path when it holds a readable key that fails the

@@ -7,6 +7,7 @@
 
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
+#include "pkey_pubkey_internal.hpp"
 
 namespace {
 
@@ -21,7 +22,10 @@ constexpr unsigned int kEcFipsMinBits = 256;
 
 bool fips_mode() noexcept { return CRYPTO_FIPSIsEnabled() == 1; }
 
-// Curve NID of an EC key, 0 when it has no named curve.
+}  // namespace
+
+namespace pkey::pubkey {
+
 int ec_curve_nid(const EVP_PKEY *key) noexcept {
     char name[80];
     size_t len = 0;
@@ -32,7 +36,7 @@ int ec_curve_nid(const EVP_PKEY *key) noexcept {
     return nid;
 }
 
-}  // namespace
+}  // namespace pkey::pubkey
 
 extern "C" {
 
@@ -98,7 +102,7 @@ int PKEY_PUBKEY_IsKeyLenValid(const EVP_PKEY *key) {
             const unsigned int bits = PKEY_PUBKEY_GetKeyBits(key);
             return bits >= lower && bits <= kRsaDsaMaxBits ? 1 : 0;
         }
-        case EVP_PKEY_EC: return PKEY_IsValidECDSACurve(ec_curve_nid(key));
+        case EVP_PKEY_EC: return PKEY_IsValidECDSACurve(pkey::pubkey::ec_curve_nid(key));
         default: return 0;
     }
 }

@@ -51,6 +51,12 @@ const std::set<std::string> kCoreExports = {
     // standby backup
     "PKEY_BACKUP_IsNodeStatusNormal", "PKEY_BACKUP_SndRtLocalKey", "PKEY_BACKUP_Batch",
     "PKEY_BACKUP_BatchMemProc", "PKEY_BACKUP_BatchDevProc",
+    // enumeration, export and destruction of local keys
+    "PKEY_LOCAL_GetNextInit", "PKEY_LOCAL_GetFirst", "PKEY_LOCAL_GetNext",
+    "PKEY_LOCAL_GetNextFinal", "PKEY_LOCAL_DestoryNextHandle", "PKEY_LOCAL_GetLocPubKeyInfo",
+    "PKEY_LOCAL_GetPubKeyValue", "PKEY_LOCAL_ExportPubKey", "PKEY_LOCAL_AppendBufFromSSH1",
+    "PKEY_LOCAL_AppendBufFromSSH2", "PKEY_LOCAL_AppendBufFromOPENSSH", "PKEY_LOCAL_DestroyOneKey",
+    "PKEY_LOCAL_DestroyKey",
     // generation
     "PKEY_GeneratePKey", "PKEY_GenerateRSAKey", "PKEY_GenerateDSAKey", "PKEY_GenerateECKey",
     "PKEY_LOCAL_GenerateReserve", "PKEY_LOCAL_GetServerKeyBitsByHostKeyBits",
@@ -62,6 +68,14 @@ const std::set<std::string> kCoreExports = {
     "PKEY_PUBKEY_ConvertRSAKeyToStoreBuf", "PKEY_PUBKEY_ConvertDSAKeyToStoreBuf",
     "PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf", "PKEY_PUBKEY_FillBN2StoreBuf",
     "PKEY_PUBKEY_GetBNFromBuf", "PKEY_PUBKEY_DER2BdrnBuf",
+    // SSH public key blob and Base64
+    "PKEY_PUBKEY_EvppkeyToBase64", "PKEY_PUBKEY_Base64toEvppkey", "PKEY_CmpPubKey",
+    "PKEY_PUBKEY_GetBufLenFromKeyReserve", "PKEY_PUBKEY_GetBufLenFromRSAKey",
+    "PKEY_PUBKEY_GetBufLenFromDSAKey", "PKEY_PUBKEY_GetBufLenFromECDSAKey",
+    "PKEY_PUBKEY_FillKeyToBufReserve", "PKEY_PUBKEY_FillRSAKeyToBuf", "PKEY_PUBKEY_FillDSAKeyToBuf",
+    "PKEY_PUBKEY_FillECDSAKeyToBuf", "PKEY_PUBKEY_FillBNToBuf", "PKEY_PUBKEY_GetBNFromKeyBuf",
+    // ECDSA public keys
+    "PKEY_ReadECDSAPubKey", "PKEY_EC_EcToBase64",
     // key files
     "PKEY_SaveLocalKey", "PKEY_LOCAL_SaveLocalKey", "PKEY_LOCAL_WriteKeyBufToDev",
     "PKEY_LOCAL_ReadKeyToBuf", "PKEY_LOCAL_DecryptPKey", "PKEY_LOCAL_GetKeyStatusFromDataBuf",

@@ -1,0 +1,333 @@
+// ECDSA public keys in their SSH form: the curve identifier and point of a key
+// buffer read into a key after a full validation of the point, and the whole
+// key buffer of a key written as one line of Base64.
+//
+// Only the NIST prime curves P-192, P-256, P-384 and P-521 are read or
+// written, and only uncompressed points. Each curve's group is built once per
+// process and shared by every call and thread; nothing ever modifies a group
+// after it is built, and per-call work stays on points and numbers of its own.
+#include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/obj_mac.h>
+#include <openssl/objects.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <utility>
+
+#include "ec/pkey_ec_curve.hpp"
+#include "pkey_ec.h"
+#include "pkey_util.hpp"
+#include "pubkey/pkey_pubkey_internal.hpp"
+
+namespace {
+
+using pkey::BnCtxPtr;
+using pkey::ByteReader;
+using pkey::ByteWriter;
+using pkey::EcPointPtr;
+using pkey::EvpPkeyCtxPtr;
+using pkey::EvpPkeyPtr;
+using pkey::MallocPtr;
+
+// One row per ECDSA key type. A walk stops at the row whose type code is -1.
+// The short name and the flag are part of the row but play no part here.
+struct EcTypeRow {
+    const char *pcName;       // key type name written into the key buffer
+    const char *pcShortName;  // algorithm's short name
+    int iType;                // 0 for an ECDSA key type; -1 ends the table
+    int iNid;                 // curve
+    unsigned int uiFlag;      // always 0
+};
+
+const EcTypeRow g_astEcType[5] = {
+    {"ecdsa-sha2-nistp192", "ECDSA", 0, NID_X9_62_prime192v1, 0},
+    {"ecdsa-sha2-nistp256", "ECDSA", 0, NID_X9_62_prime256v1, 0},
+    {"ecdsa-sha2-nistp384", "ECDSA", 0, NID_secp384r1, 0},
+    {"ecdsa-sha2-nistp521", "ECDSA", 0, NID_secp521r1, 0},
+    {nullptr, nullptr, -1, -1, 0},
+};
+
+// Curve identifiers of the key buffer, each exactly 8 characters.
+struct CurveId {
+    const char *id;
+    int nid;
+};
+constexpr CurveId kCurveIds[] = {{"nistp192", NID_X9_62_prime192v1},
+                                 {"nistp256", NID_X9_62_prime256v1},
+                                 {"nistp384", NID_secp384r1},
+                                 {"nistp521", NID_secp521r1}};
+constexpr std::size_t kCurveIdLen = 8;
+
+constexpr unsigned int kMinReadLen = 20;
+constexpr unsigned int kMaxReadLen = 512;
+constexpr std::uint32_t kMaxPointLen = 134;  // refused from here on; P-521's 133 is the largest
+constexpr unsigned int kMinPointField = 8;   // length field and at least the form byte
+constexpr std::uint8_t kUncompressed = POINT_CONVERSION_UNCOMPRESSED;
+constexpr std::size_t kLengthFields = 12;    // the three length fields of the key buffer
+
+// The key being read and the point it is read into, released together.
+struct EcRes {
+    EVP_PKEY *pstKey = nullptr;
+    EC_POINT *pstPoint = nullptr;
+    EcRes() = default;
+    EcRes(const EcRes &) = delete;
+    EcRes &operator=(const EcRes &) = delete;
+    ~EcRes();
+};
+
+void _ec_FreeECRes(EcRes &res) noexcept {
+    if (res.pstKey != nullptr) {
+        EVP_PKEY_free(res.pstKey);
+        res.pstKey = nullptr;
+    }
+    if (res.pstPoint != nullptr) {
+        EC_POINT_free(res.pstPoint);
+        res.pstPoint = nullptr;
+    }
+}
+
+EcRes::~EcRes() { _ec_FreeECRes(*this); }
+
+// The key buffer's 32-bit big-endian length fields.
+bool _ec_PutLenToBuf(std::size_t len, ByteWriter &out) noexcept {
+    return len <= UINT32_MAX && out.put_u32(static_cast<std::uint32_t>(len));
+}
+bool _ec_GetBufToLen(ByteReader &in, std::uint32_t &len) noexcept { return in.read_u32(len); }
+
+// Decodes the point field (length and point) at p, remain bytes from the end
+// of the key buffer, into point. 0 or PKEY_ERR_FAILED.
+unsigned int _ec_buffer_get_ecpoint_ret(const unsigned char *p, unsigned int remain,
+                                        const EC_GROUP *group, EC_POINT *point) noexcept {
+    if (p == nullptr || group == nullptr || point == nullptr || remain < kMinPointField)
+        return PKEY_ERR_FAILED;
+    ByteReader in(p, remain);
+    std::uint32_t q = 0;
+    if (!_ec_GetBufToLen(in, q) || q >= kMaxPointLen) return PKEY_ERR_FAILED;
+    // The length is measured against the count that still includes its own
+    // field, so a point up to 4 bytes longer than what is left gets past this
+    // test and is left to the decoder.
+    if (q > remain || q == 0) return PKEY_ERR_FAILED;
+    // remain >= 8, so the form byte is there; only the uncompressed form is read.
+    std::uint8_t form = 0;
+    if (!ByteReader(in).read_u8(form) || form != kUncompressed) return PKEY_ERR_FAILED;
+
+    // The decoder gets all q bytes; those beyond the buffer's end read as zero
+    // and are never fetched from past it.
+    unsigned char octets[kMaxPointLen] = {};
+    std::span<const unsigned char> present;
+    if (!in.read_bytes(std::min<std::size_t>(q, in.remaining()), present)) return PKEY_ERR_FAILED;
+    std::memcpy(octets, present.data(), present.size());
+
+    BnCtxPtr ctx(BN_CTX_new());
+    const bool decoded = ctx && EC_POINT_oct2point(group, point, octets, q, ctx.get()) == 1;
+    OPENSSL_cleanse(octets, sizeof octets);
+    return decoded ? 0 : PKEY_ERR_FAILED;
+}
+
+// The full check of a public point: a prime-field group; not the point at
+// infinity; both coordinates longer than half the order's bit length and below
+// order - 1; order times the point is the point at infinity.
+bool point_is_valid(const EC_GROUP *group, const EC_POINT *point) noexcept {
+    if (EC_GROUP_get_field_type(group) != NID_X9_62_prime_field) return false;
+    if (EC_POINT_is_at_infinity(group, point) != 0) return false;
+
+    BnCtxPtr ctx(BN_CTX_new());
+    if (!ctx) return false;
+    const pkey::BnCtxFrame frame(ctx.get());
+    BIGNUM *x = BN_CTX_get(ctx.get());
+    BIGNUM *y = BN_CTX_get(ctx.get());
+    BIGNUM *tmp = BN_CTX_get(ctx.get());  // once a get fails, every later one does
+    const BIGNUM *order = EC_GROUP_get0_order(group);
+    if (tmp == nullptr || order == nullptr || BN_is_zero(order)) return false;
+    if (EC_POINT_get_affine_coordinates(group, point, x, y, ctx.get()) != 1) return false;
+
+    const int half = BN_num_bits(order) / 2;
+    if (BN_num_bits(x) <= half || BN_num_bits(y) <= half) return false;
+
+    EcPointPtr nq(EC_POINT_new(group));
+    if (!nq || EC_POINT_mul(group, nq.get(), nullptr, point, order, ctx.get()) != 1 ||
+        EC_POINT_is_at_infinity(group, nq.get()) != 1)
+        return false;
+
+    if (BN_sub(tmp, order, BN_value_one()) != 1) return false;
+    return BN_cmp(x, tmp) < 0 && BN_cmp(y, tmp) < 0;
+}
+
+// NID of a curve identifier by exact comparison; NID_undef for any other text.
+int curve_nid_of_id(const char *id) noexcept {
+    for (const CurveId &c : kCurveIds) {
+        if (std::strcmp(id, c.id) == 0) return c.nid;
+    }
+    return NID_undef;
+}
+
+const char *curve_id_of_nid(int nid) noexcept {
+    for (const CurveId &c : kCurveIds) {
+        if (c.nid == nid) return c.id;
+    }
+    return nullptr;
+}
+
+// Key type name of a curve: the first ECDSA row of g_astEcType with its NID.
+const char *key_type_name_of_nid(int nid) noexcept {
+    for (const EcTypeRow *row = g_astEcType; row->iType != -1; ++row) {
+        if (row->iType == 0 && row->iNid == nid) return row->pcName;
+    }
+    return nullptr;
+}
+
+// A public EC key of the curve, holding point, encoded with the curve's name.
+EvpPkeyPtr public_key_of(int nid, const EC_GROUP *group, const EC_POINT *point) noexcept {
+    unsigned char octets[kMaxPointLen];
+    const std::size_t len =
+        EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets, sizeof octets,
+                           nullptr);
+    const char *groupName = OBJ_nid2sn(nid);
+    if (len == 0 || groupName == nullptr) return nullptr;
+
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
+                                         const_cast<char *>(groupName), 0),
+        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, octets, len),
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
+                                         const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP), 0),
+        OSSL_PARAM_construct_end()};
+    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+    EVP_PKEY *key = nullptr;
+    if (!ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
+        EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_PUBLIC_KEY, params) != 1)
+        return nullptr;
+    return EvpPkeyPtr(key);
+}
+
+}  // namespace
+
+namespace pkey::ec {
+
+const EC_GROUP *curve_group(int nid) noexcept {
+    // One group per curve for the life of the process: built on first use
+    // (thread-safe static initialisation) and never modified afterwards.
+    switch (nid) {
+        case NID_X9_62_prime192v1: {
+            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
+            return group;
+        }
+        case NID_X9_62_prime256v1: {
+            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
+            return group;
+        }
+        case NID_secp384r1: {
+            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
+            return group;
+        }
+        case NID_secp521r1: {
+            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
+            return group;
+        }
+        default: return nullptr;
+    }
+}
+
+EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept {
+    // Large enough for the encoded point of any curve OpenSSL knows.
+    unsigned char octets[256];
+    std::size_t len = 0;
+    if (key == nullptr || group == nullptr ||
+        EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, octets,
+                                        sizeof octets, &len) != 1)
+        return nullptr;
+    // Decoding through the group accepts the key's point in compressed form
+    // too, and checks that it lies on that group's curve.
+    EcPointPtr point(EC_POINT_new(group));
+    if (!point || EC_POINT_oct2point(group, point.get(), octets, len, ctx) != 1) return nullptr;
+    return point;
+}
+
+}  // namespace pkey::ec
+
+extern "C" {
+
+EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len) {
+    return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
+        if (buf == nullptr || len < kMinReadLen || len > kMaxReadLen) return nullptr;
+
+        ByteReader in(buf, len);
+        std::uint32_t idLen = 0;
+        std::span<const unsigned char> idBytes;
+        if (!_ec_GetBufToLen(in, idLen) || idLen > kCurveIdLen || !in.read_bytes(idLen, idBytes))
+            return nullptr;
+        char id[kCurveIdLen + 1] = {};
+        std::memcpy(id, idBytes.data(), idBytes.size());
+        if (std::strstr(id, "nistp") == nullptr) return nullptr;
+
+        // The curve comes from the identifier alone; the key type name in
+        // front of it is not consulted.
+        const int nid = curve_nid_of_id(id);
+        const EC_GROUP *group = pkey::ec::curve_group(nid);
+        if (group == nullptr) return nullptr;
+        EcRes res;
+        res.pstPoint = EC_POINT_new(group);
+        if (res.pstPoint == nullptr) return nullptr;
+        if (_ec_buffer_get_ecpoint_ret(in.position(), static_cast<unsigned int>(in.remaining()),
+                                       group, res.pstPoint) != 0)
+            return nullptr;
+        if (!point_is_valid(group, res.pstPoint)) return nullptr;
+
+        res.pstKey = public_key_of(nid, group, res.pstPoint).release();
+        if (res.pstKey == nullptr) return nullptr;
+        EVP_PKEY *result = std::exchange(res.pstKey, nullptr);
+        _ec_FreeECRes(res);
+        return result;
+    });
+}
+
+char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) {
+    return pkey::c_boundary<char *>(nullptr, [&]() -> char * {
+        if (pkey == nullptr || outLen == nullptr) return nullptr;
+        const int nid = pkey::pubkey::ec_curve_nid(pkey);
+        const char *typeName = key_type_name_of_nid(nid);
+        const char *curveId = curve_id_of_nid(nid);
+        const EC_GROUP *group = pkey::ec::curve_group(nid);
+        if (typeName == nullptr || curveId == nullptr || group == nullptr) return nullptr;
+
+        BnCtxPtr ctx(BN_CTX_new());
+        if (!ctx) return nullptr;
+        const EcPointPtr point = pkey::ec::public_point(pkey, group, ctx.get());
+        if (!point) return nullptr;
+        const std::size_t q = EC_POINT_point2oct(group, point.get(), POINT_CONVERSION_UNCOMPRESSED,
+                                                 nullptr, 0, ctx.get());
+        if (q == 0 || q >= kMaxPointLen) return nullptr;
+
+        // Key type name, curve identifier, point: each behind its length.
+        const std::size_t typeLen = std::strlen(typeName);
+        const std::size_t total = typeLen + kLengthFields + kCurveIdLen + q;
+        MallocPtr<unsigned char> blob(static_cast<unsigned char *>(std::calloc(total, 1)));
+        if (!blob) return nullptr;
+        ByteWriter out(blob.get(), total);
+        if (!_ec_PutLenToBuf(typeLen, out) || !out.put_bytes(typeName, typeLen) ||
+            !_ec_PutLenToBuf(kCurveIdLen, out) || !out.put_bytes(curveId, kCurveIdLen) ||
+            !_ec_PutLenToBuf(q, out))
+            return nullptr;
+        unsigned char *dst = out.cursor();
+        if (!out.commit(q) || EC_POINT_point2oct(group, point.get(), POINT_CONVERSION_UNCOMPRESSED,
+                                                 dst, q, ctx.get()) != q)
+            return nullptr;
+
+        // Standard alphabet, "=" padding, one line: exactly EVP_EncodeBlock's
+        // output, which needs 4 * ceil(total / 3) + 1 bytes, within this size.
+        const std::size_t textSize = total * 4 / 3 + 4;
+        MallocPtr<char> text(static_cast<char *>(std::malloc(textSize)));
+        if (!text) return nullptr;
+        const int chars = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.get()), blob.get(),
+                                          static_cast<int>(total));
+        if (chars <= 0) return nullptr;
+        *outLen = static_cast<unsigned int>(chars) + 1;
+        return text.release();
+    });
+}
+
+}  // extern "C"

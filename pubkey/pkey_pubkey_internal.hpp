@@ -1,0 +1,11 @@
+// pkey_pubkey_internal.hpp - key helpers shared inside libpkey (hidden).
+#pragma once
+
+#include <openssl/evp.h>
+
+namespace pkey::pubkey {
+
+// Curve NID of an EC key, NID_undef (0) when it has no named curve.
+int ec_curve_nid(const EVP_PKEY *key) noexcept;
+
+}  // namespace pkey::pubkey

@@ -1,0 +1,284 @@
+// Enumeration of local keys, the three export forms (checked against
+// ssh-keygen), and destroying keys.
+#include <gtest/gtest.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/obj_mac.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "host_platform.h"
+#include "pkey_local.h"
+#include "pkey_pubkey.h"
+#include "test_keys.hpp"
+#include "test_store.hpp"
+
+namespace {
+
+namespace fsys = std::filesystem;
+using pkey::EvpPkeyPtr;
+using pkey::MallocPtr;
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+void spit(const std::string &path, const std::string &text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+// Standard output of a shell command; "" when it fails.
+std::string run(const std::string &command) {
+    std::string out;
+    FILE *pipe = popen((command + " 2>/dev/null").c_str(), "r");
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
+    return pclose(pipe) == 0 ? out : "";
+}
+std::string first_fields(const std::string &line, int n) {
+    std::istringstream in(line);
+    std::string word, out;
+    for (int i = 0; i < n && in >> word; ++i) out += (i ? " " : "") + word;
+    return out;
+}
+std::string text_of(unsigned int alg, unsigned int format, const char *name = "") {
+    MallocPtr<char> text(PKEY_LOCAL_GetPubKeyValue(alg, format, name));
+    return text ? text.get() : "<null>";
+}
+std::string body_of(EVP_PKEY *key, int ssh2) {
+    unsigned int len = 0;
+    MallocPtr<char> body(PKEY_PUBKEY_EvppkeyToBase64(key, ssh2, &len));
+    return body ? body.get() : "<null>";
+}
+
+class LocalKeysTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        rsa = PKEY_GenerateRSAKey(1024);
+        p256 = PKEY_GenerateECKey(NID_X9_62_prime256v1);
+    }
+    static void TearDownTestSuite() {
+        EVP_PKEY_free(rsa);
+        EVP_PKEY_free(p256);
+    }
+    std::string mem(const std::string &rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
+    std::string dev(const std::string &rel) const { return store.work_dir(1) + "/" + rel; }
+
+    static inline EVP_PKEY *rsa, *p256;
+    pkey::test::TempStore store;
+};
+
+// Walks a whole enumeration; name -> whether the record holds a key.
+std::map<std::string, bool> enumerate(unsigned int alg, std::vector<std::string> *order) {
+    std::map<std::string, bool> seen;
+    PKEY_LOCAL_NEXT_HANDLE_S *h = PKEY_LOCAL_GetNextInit(alg);
+    PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetFirst(h);
+    while (info != nullptr) {
+        const bool has_key = (info->uiFlags & PKEY_INFO_HAS_KEY) != 0;
+        const std::string name = has_key ? info->szName : std::string("-") +
+            (info->pstPosition ? info->pstPosition->d_name : "");
+        if (order != nullptr) order->push_back(name);
+        seen[name] = has_key;
+        PKEY_LOCAL_KEY_INFO_S *next = PKEY_LOCAL_GetNext(h, info);
+        PKEY_LOCAL_DestroyLocalKeyInfo(info);
+        info = next;
+    }
+    PKEY_LOCAL_GetNextFinal(h);
+    return seen;
+}
+
+TEST_F(LocalKeysTest, RsaEnumerationGivesHostThenServerThenTheDirectory) {
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa, ""), 0);
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_SERVER, rsa, ""), 0);
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa, "a"), 0);
+    const std::string long_name(64, 'L');
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa, long_name.c_str()), 0);
+    spit(mem("rsa/notes.txt"), "not a key");
+    spit(mem("rsa/.key"), "");  // names the default host key a second time
+    std::vector<std::string> order;
+    const auto seen = enumerate(PKEY_ALG_RSA, &order);
+    ASSERT_GE(order.size(), 2u);
+    EXPECT_EQ(order[0], "hostkey(default)");
+    EXPECT_EQ(order[1], "serverkey(default)");
+    EXPECT_EQ(seen, (std::map<std::string, bool>{{"hostkey(default)", true},
+                                                 {"serverkey(default)", true},
+                                                 {"a", true},
+                                                 {long_name, true},
+                                                 {"-notes.txt", false}}));
+    EXPECT_EQ(order.size(), 6u);
+}
+
+TEST_F(LocalKeysTest, OtherAlgorithmsGoStraightToTheDirectoryAndSkipMissingKeys) {
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, "e1"), 0);
+    std::vector<std::string> order;
+    enumerate(PKEY_ALG_ECDSA, &order);
+    EXPECT_EQ(order, (std::vector<std::string>{"-", "e1"}));  // no default key, then e1
+    order.clear();
+    enumerate(PKEY_ALG_DSA, &order);  // no directory at all
+    EXPECT_EQ(order, std::vector<std::string>{"-"});
+}
+
+TEST_F(LocalKeysTest, InfoRecordDescribesTheKey) {
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, "k"), 0);
+    PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetLocPubKeyInfo(PKEY_ALG_ECDSA, PKEY_KEY_HOST, "k");
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->uiAlgId, PKEY_ALG_ECDSA);
+    EXPECT_EQ(info->uiBits, 256u);
+    EXPECT_STREQ(info->szName, "k");
+    EXPECT_EQ(std::strlen(info->szTime), 19u);  // HH:MM:SS YYYY/MM/DD
+    unsigned char *der = nullptr;
+    const int der_len = i2d_PUBKEY(p256, &der);
+    MallocPtr<char> expected(PKEY_PUBKEY_DER2BdrnBuf(der, static_cast<unsigned>(der_len)));
+    OPENSSL_free(der);
+    EXPECT_STREQ(info->pcPubKeyText, expected.get());
+    PKEY_LOCAL_DestroyLocalKeyInfo(info);
+}
+
+TEST_F(LocalKeysTest, ExportFormsAreExactToTheCharacter) {
+    // An RSA host key whose record says it was made on 5 March 2024.
+    unsigned int len = 0;
+    unsigned char *record = PKEY_PUBKEY_ConvertKeyToStoreBuf(rsa, &len);
+    ASSERT_NE(record, nullptr);
+    pkey::store_be16(record + PKEY_STORE_OFF_YEAR, 2024);
+    record[PKEY_STORE_OFF_MONTH] = 3;
+    record[PKEY_STORE_OFF_DAY] = 5;
+    EVP_Digest(record, len - 16, record + len - 16, nullptr, EVP_md5(), nullptr);
+    ASSERT_EQ(PKEY_LOCAL_WriteKeyBufToDev(PKEY_ALG_RSA, PKEY_KEY_HOST, record, len, ""), 0);
+    std::free(record);
+
+    const std::string b64 = body_of(rsa, 1);
+    EXPECT_EQ(text_of(PKEY_ALG_RSA, PKEY_EXPORT_SSH1),
+              "1024 " + body_of(rsa, 0) + " rsa-key-2024/03/05\r\n");
+    EXPECT_EQ(text_of(PKEY_ALG_RSA, PKEY_EXPORT_SSH2),
+              "---- BEGIN SSH2 PUBLIC KEY ----\r\nComment: \"rsa-key-2024/03/05\"\r\n" + b64 +
+                  "\r\n---- END SSH2 PUBLIC KEY ----\r\n");
+    EXPECT_EQ(text_of(PKEY_ALG_RSA, PKEY_EXPORT_OPENSSH), "ssh-rsa " + b64 + " rsa-key\r\n");
+    EXPECT_EQ(body_of(rsa, 0).rfind("65537 ", 0), 0u);
+
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, ""), 0);
+    const std::string ec = text_of(PKEY_ALG_ECDSA, PKEY_EXPORT_SSH2);
+    EXPECT_NE(ec.find("Comment: \"ecdsa-sha2-nistp256-"), std::string::npos) << ec;
+    EXPECT_EQ(text_of(PKEY_ALG_ECDSA, PKEY_EXPORT_OPENSSH),
+              "ecdsa-sha2-nistp256 " + body_of(p256, 1) + " ecdsa-key\r\n");
+}
+
+TEST_F(LocalKeysTest, RefusedFormsAndMissingKeysGiveNothing) {
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, ""), 0);
+    EXPECT_EQ(text_of(PKEY_ALG_ECDSA, PKEY_EXPORT_SSH1), "<null>");
+    EXPECT_EQ(text_of(PKEY_ALG_DSA, PKEY_EXPORT_SSH1), "<null>");
+    EXPECT_EQ(text_of(PKEY_ALG_RSA, 3), "<null>");
+    EXPECT_EQ(text_of(PKEY_ALG_RSA, PKEY_EXPORT_OPENSSH), "<null>");  // no RSA key
+    EXPECT_EQ(PKEY_LOCAL_ExportPubKey(PKEY_ALG_RSA, "", PKEY_EXPORT_SSH2, ""),
+              static_cast<int>(PKEY_ERR_FAILED));
+}
+
+TEST_F(LocalKeysTest, ExportPrintsWithAnExtraLineBreakOrWritesTheTextAlone) {
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, ""), 0);
+    const std::string text = text_of(PKEY_ALG_ECDSA, PKEY_EXPORT_OPENSSH);
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(PKEY_LOCAL_ExportPubKey(PKEY_ALG_ECDSA, "", PKEY_EXPORT_OPENSSH, ""), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), text + "\r\n");
+    const std::string file = store.root() + "/out/key.pub";
+    ASSERT_EQ(PKEY_LOCAL_ExportPubKey(PKEY_ALG_ECDSA, "", PKEY_EXPORT_OPENSSH, file.c_str()), 0);
+    EXPECT_EQ(slurp(file), text);
+}
+
+// Every export a real tool can read gives the fingerprint ssh-keygen computes
+// from the private key itself.
+TEST_F(LocalKeysTest, SshKeygenReadsTheExportsAsTheSameKeys) {
+    const struct {
+        unsigned int alg;
+        EVP_PKEY *key;
+        const char *label;
+    } keys[] = {{PKEY_ALG_RSA, PKEY_GenerateRSAKey(1024), "rsa1024"},
+                {PKEY_ALG_RSA, PKEY_GenerateRSAKey(2048), "rsa2048"},
+                {PKEY_ALG_DSA, PKEY_GenerateDSAKey(1024), "dsa1024"},
+                {PKEY_ALG_DSA, PKEY_GenerateDSAKey(2048), "dsa2048"},
+                {PKEY_ALG_ECDSA, PKEY_GenerateECKey(NID_X9_62_prime256v1), "p256"},
+                {PKEY_ALG_ECDSA, PKEY_GenerateECKey(NID_secp384r1), "p384"},
+                {PKEY_ALG_ECDSA, PKEY_GenerateECKey(NID_secp521r1), "p521"}};
+    const std::string dir = store.root() + "/tool/";
+    fsys::create_directories(dir);
+    for (const auto &k : keys) {
+        ASSERT_NE(k.key, nullptr);
+        ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(k.alg, PKEY_KEY_HOST, k.key, k.label), 0);
+        const std::string pem = dir + k.label + ".pem";
+        FILE *f = std::fopen(pem.c_str(), "w");
+        PEM_write_PrivateKey(f, k.key, nullptr, nullptr, 0, nullptr, nullptr);
+        std::fclose(f);
+        chmod(pem.c_str(), 0600);
+        const std::string reference = run("ssh-keygen -y -f " + pem);
+        ASSERT_FALSE(reference.empty()) << k.label;
+        spit(dir + k.label + ".ref.pub", reference);
+        const std::string fingerprint = first_fields(run("ssh-keygen -l -f " + dir + k.label + ".ref.pub"), 2);
+
+        spit(dir + k.label + ".openssh", text_of(k.alg, PKEY_EXPORT_OPENSSH, k.label));
+        EXPECT_EQ(first_fields(run("ssh-keygen -l -f " + dir + k.label + ".openssh"), 2), fingerprint)
+            << k.label;
+
+        const std::string ssh2 = text_of(k.alg, PKEY_EXPORT_SSH2, k.label);
+        spit(dir + k.label + ".ssh2", ssh2);
+        const std::string converted = run("ssh-keygen -i -m RFC4716 -f " + dir + k.label + ".ssh2");
+        if (std::string(k.label) == "dsa2048") {
+            // Its one-line body is longer than ssh-keygen's 1023-character lines;
+            // the body itself must still be the key.
+            EXPECT_EQ(converted, "");
+            const size_t start = ssh2.find("\"\r\n") + 3;
+            const std::string body = ssh2.substr(start, ssh2.find("\r\n", start) - start);
+            EXPECT_GT(body.size(), 1023u);
+            EvpPkeyPtr back(PKEY_PUBKEY_Base64toEvppkey(body.c_str()));
+            EXPECT_EQ(PKEY_CmpPubKey(back.get(), k.key), 1);
+        } else {
+            EXPECT_EQ(first_fields(converted, 2), first_fields(reference, 2)) << k.label;
+        }
+        EVP_PKEY_free(k.key);
+    }
+}
+
+TEST_F(LocalKeysTest, DestroyingTheDefaultRsaHostKeyTakesTheServerKey) {
+    EXPECT_EQ(PKEY_LOCAL_DestroyOneKey(PKEY_ALG_RSA, PKEY_KEY_HOST, "none"), 0);
+    for (const char *name : {"", "named"})
+        ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa, name), 0);
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_SERVER, rsa, ""), 0);
+    PKEY_KEYGEN_REQ_S request{};
+    request.uiAlgId = PKEY_ALG_RSA;
+    std::snprintf(request.szKeyName, sizeof request.szKeyName, "named");
+    ASSERT_EQ(PKEY_LOCAL_DestroyKey(&request), 0);
+    EXPECT_FALSE(fsys::exists(mem("rsa/named.key")) || fsys::exists(dev("pkey/rsa/named.key")));
+    EXPECT_TRUE(fsys::exists(dev("serverkey")));
+    request.szKeyName[0] = '\0';
+    ASSERT_EQ(PKEY_LOCAL_DestroyKey(&request), 0);
+    for (const char *f : {"hostkey", "serverkey"}) {
+        EXPECT_FALSE(fsys::exists(mem(f))) << f;
+        EXPECT_FALSE(fsys::exists(dev(f))) << f;
+    }
+}
+
+TEST_F(LocalKeysTest, StandbyNodesHearOfADestroyOnlyWhenTheDeviceCopyWent) {
+    const unsigned short standby[] = {2};
+    HOST_SetStandbyNodes(standby, 1);
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, "m"), 0);
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, "d"), 0);
+    const std::string standby_dir = store.work_dir(2) + "/pkey/ecdsa/";
+    fsys::remove(dev("pkey/ecdsa/m.key"));  // only the memory copy is left
+    fsys::remove(mem("ecdsa/d.key"));       // only the device copy is left
+    EXPECT_EQ(PKEY_LOCAL_DestroyOneKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, "m"), 0);
+    EXPECT_EQ(PKEY_LOCAL_DestroyOneKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, "d"), 0);
+    EXPECT_FALSE(fsys::exists(mem("ecdsa/m.key")));
+    EXPECT_FALSE(fsys::exists(dev("pkey/ecdsa/d.key")));
+    EXPECT_TRUE(fsys::exists(standby_dir + "m.key"));
+    EXPECT_FALSE(fsys::exists(standby_dir + "d.key"));
+}
+
+}  // namespace
