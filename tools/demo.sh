@@ -38,6 +38,17 @@ run local get rsa --server
 run local get dsa
 run local get ecdsa
 run local get rsa --name backup-1
+run local list
+run local export rsa --format ssh1
+run local export rsa --format ssh2
+run local export rsa --format openssh
+run local export dsa --format ssh2
+run local export dsa --format openssh
+run local export ecdsa --format ssh2
+run local export ecdsa --format openssh
+refused local export dsa --format ssh1
+run local destroy rsa --name backup-1
+run local list rsa
 run fips on
 run policy
 run keygen ecdsa

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -86,6 +87,12 @@ void print_help() {
         "                                 (the default RSA host key brings its server key)\n"
         "  local get rsa|dsa|ecdsa [--name NAME] [--server]\n"
         "                                 read a stored key back and describe it\n"
+        "  local list [rsa|dsa|ecdsa]     list stored keys with their SHA256 fingerprints\n"
+        "  local export rsa|dsa|ecdsa --format ssh1|ssh2|openssh [--name NAME] [--out FILE]\n"
+        "                                 the public key in an export form\n"
+        "  local destroy rsa|dsa|ecdsa [--name NAME]\n"
+        "                                 destroy a key (the default RSA host key takes\n"
+        "                                 its server key with it)\n"
         "\n"
         "options:\n"
         "  --root DIR    the store (default: $PKEY_ROOT, else ./pkey-store)\n"
@@ -287,11 +294,114 @@ int cmd_local_get(const std::vector<std::string> &args) {
     return kOk;
 }
 
+// "SHA256:" and the unpadded Base64 of the SHA-256 of the key's SSH blob, as
+// ssh-keygen -l prints it.
+std::string sha256_fingerprint(EVP_PKEY *key) {
+    unsigned int len = 0;
+    pkey::MallocPtr<char> b64(PKEY_PUBKEY_EvppkeyToBase64(key, 1, &len));
+    if (!b64) return "-";
+    const std::string text = b64.get();
+    std::vector<unsigned char> blob(text.size());
+    int n = EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(text.data()),
+                            static_cast<int>(text.size()));
+    if (n < 0) return "-";
+    for (auto it = text.rbegin(); it != text.rend() && *it == '='; ++it) --n;
+    unsigned char digest[32];
+    EVP_Digest(blob.data(), static_cast<size_t>(n), digest, nullptr, EVP_sha256(), nullptr);
+    unsigned char out[64];
+    std::string fp(reinterpret_cast<char *>(out), EVP_EncodeBlock(out, digest, sizeof digest));
+    while (!fp.empty() && fp.back() == '=') fp.pop_back();
+    return "SHA256:" + fp;
+}
+
+int cmd_local_list(const std::vector<std::string> &args) {
+    std::vector<const Algorithm *> algs;
+    for (const auto &a : args) {
+        const Algorithm *alg = find_algorithm(a);
+        if (alg == nullptr) return usage_error("unknown algorithm '%s'", a.c_str());
+        algs.push_back(alg);
+    }
+    if (algs.empty())
+        for (const auto &a : kAlgorithms) algs.push_back(&a);
+    std::printf("%-24s %-6s %5s  %-19s  %s\n", "NAME", "ALG", "BITS", "CREATED", "FINGERPRINT");
+    for (const Algorithm *alg : algs) {
+        PKEY_LOCAL_NEXT_HANDLE_S *handle = PKEY_LOCAL_GetNextInit(alg->alg_id);
+        PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetFirst(handle);
+        for (int index = 0; info != nullptr; ++index) {
+            if ((info->uiFlags & PKEY_INFO_HAS_KEY) != 0) {
+                // The first record is the host key, RSA's second the server key.
+                const bool server = alg->alg_id == PKEY_ALG_RSA && index == 1;
+                const bool named = index > (alg->alg_id == PKEY_ALG_RSA ? 1 : 0) &&
+                                   std::string_view(info->szName).find("(default)") ==
+                                       std::string_view::npos;
+                pkey::EvpPkeyPtr key(server ? PKEY_GetServerKey(alg->evp_type, "")
+                                            : PKEY_GetHostKey(alg->evp_type,
+                                                              named ? info->szName : ""));
+                std::printf("%-24s %-6s %5u  %-19s  %s\n", info->szName, alg->option, info->uiBits,
+                            info->szTime, key ? sha256_fingerprint(key.get()).c_str() : "-");
+            }
+            PKEY_LOCAL_KEY_INFO_S *next = PKEY_LOCAL_GetNext(handle, info);
+            PKEY_LOCAL_DestroyLocalKeyInfo(info);
+            info = next;
+        }
+        PKEY_LOCAL_GetNextFinal(handle);
+    }
+    return kOk;
+}
+
+int cmd_local_export(const std::vector<std::string> &args) {
+    std::vector<std::string> rest;
+    std::string format_name, out;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if ((args[i] == "--format" || args[i] == "--out") && i + 1 >= args.size())
+            return usage_error("%s needs a value", args[i].c_str());
+        if (args[i] == "--format") {
+            format_name = args[++i];
+        } else if (args[i] == "--out") {
+            out = args[++i];
+        } else {
+            rest.push_back(args[i]);
+        }
+    }
+    KeyOptions opts;
+    if (const int r = parse_key_options("local export", rest, "--name", opts); r != kOk) return r;
+    const std::map<std::string, unsigned int> formats = {
+        {"ssh1", PKEY_EXPORT_SSH1}, {"ssh2", PKEY_EXPORT_SSH2}, {"openssh", PKEY_EXPORT_OPENSSH}};
+    const auto format = formats.find(format_name);
+    if (format == formats.end()) return usage_error("--format must be ssh1, ssh2 or openssh");
+    if (PKEY_LOCAL_ExportPubKey(opts.alg->alg_id, opts.name.c_str(), format->second,
+                                out.c_str()) != 0) {
+        std::fprintf(stderr, "pkeyctl: local export %s: no readable key %s, or the %s form is "
+                             "not available for it%s\n", opts.alg->option, display_name(opts),
+                     format_name.c_str(), out.empty() ? "" : ", or the file could not be written");
+        return kFailed;
+    }
+    return kOk;
+}
+
+int cmd_local_destroy(const std::vector<std::string> &args) {
+    KeyOptions opts;
+    if (const int r = parse_key_options("local destroy", args, "--name", opts); r != kOk) return r;
+    PKEY_KEYGEN_REQ_S request{};
+    request.uiAlgId = opts.alg->alg_id;
+    std::snprintf(request.szKeyName, sizeof request.szKeyName, "%s", opts.name.c_str());
+    if (PKEY_LOCAL_DestroyKey(&request) != 0) {
+        std::fprintf(stderr, "pkeyctl: local destroy %s: a key file could not be removed\n",
+                     opts.alg->option);
+        return kFailed;
+    }
+    std::printf("destroyed %s key %s\n", opts.alg->option, display_name(opts));
+    return kOk;
+}
+
 int cmd_local(const std::vector<std::string> &args) {
-    if (args.empty()) return usage_error("local needs an action: create or get");
+    if (args.empty()) return usage_error("local needs an action: create, get, list, export or destroy");
     const std::vector<std::string> rest(args.begin() + 1, args.end());
     if (args[0] == "create") return cmd_local_create(rest);
     if (args[0] == "get") return cmd_local_get(rest);
+    if (args[0] == "list") return cmd_local_list(rest);
+    if (args[0] == "export") return cmd_local_export(rest);
+    if (args[0] == "destroy") return cmd_local_destroy(rest);
     return usage_error("unknown local action '%s'", args[0].c_str());
 }
 
