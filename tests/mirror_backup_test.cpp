@@ -37,6 +37,10 @@ Tree tree(const std::string &dir) {
     return out;
 }
 
+void seed(const std::string &dir, const Tree &files) {
+    for (const auto &[rel, content] : files) put(dir + "/" + rel, content);
+}
+
 int remove_op(const void *, unsigned int, const char *path) {
     return PKEY_FS_RemoveFileFromVFS(0, 0, path);
 }
@@ -49,30 +53,20 @@ protected:
 };
 
 TEST_F(MirrorTest, FillsAnAbsentMirrorWithExactlyTheKeysOnFlash) {
-    put(work() + "/hostkey", "H");
-    put(work() + "/pkey/rsa/a.key", "A");
-    put(work() + "/pkey/publickey/peer", "not mirrored");
-    put(work() + "/other", "not a key file");
-    PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "H"}, {"rsa/a.key", "A"}}));
-}
-
-TEST_F(MirrorTest, CopiesEveryKindOfLocalKeyFile) {
-    const Tree flash = {{"hostkey", "1"},       {"serverkey", "2"},   {"dsakey", "3"},
+    const Tree flash = {{"hostkey", "1"},       {"serverkey", "2"},      {"dsakey", "3"},
                         {"ecdsakey", "4"},      {"pkey/rsa/r.key", "5"}, {"pkey/dsa/d.key", "6"},
-                        {"pkey/ecdsa/e.key", "7"}};
-    for (const auto &[rel, content] : flash) put(work() + "/" + rel, content);
+                        {"pkey/ecdsa/e.key", "7"}, {"pkey/publickey/peer", "not mirrored"},
+                        {"other", "not a key file"}};
+    seed(work(), flash);
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "1"},
-                                 {"serverkey", "2"},
-                                 {"dsakey", "3"},
-                                 {"ecdsakey", "4"},
-                                 {"rsa/r.key", "5"},
-                                 {"dsa/d.key", "6"},
+    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "1"}, {"serverkey", "2"}, {"dsakey", "3"},
+                                 {"ecdsakey", "4"}, {"rsa/r.key", "5"}, {"dsa/d.key", "6"},
                                  {"ecdsa/e.key", "7"}}));
 }
 
-TEST_F(MirrorTest, APresentMirrorIsNeverRefreshed) {
+TEST_F(MirrorTest, IsMadeOnceThereIsAKeyAndNeverRefreshed) {
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    EXPECT_FALSE(fsys::exists(mem()));
     put(work() + "/hostkey", "first");
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     put(work() + "/hostkey", "second");
@@ -81,38 +75,24 @@ TEST_F(MirrorTest, APresentMirrorIsNeverRefreshed) {
     EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "first"}}));
 }
 
-TEST_F(MirrorTest, AnEmptyWorkDirectoryLeavesTheMirrorAbsentUntilThereIsAKey) {
-    PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_FALSE(fsys::exists(mem()));
-    put(work() + "/ecdsakey", "E");
-    PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_EQ(tree(mem()), (Tree{{"ecdsakey", "E"}}));
-}
-
 TEST_F(MirrorTest, FollowsTheRunningNode) {
     HOST_SetSelfNode(3);
     put(store.work_dir(3) + "/hostkey", "three");
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     EXPECT_EQ(tree(store.mem_dir(3) + "/pkey"), (Tree{{"hostkey", "three"}}));
     EXPECT_FALSE(fsys::exists(mem()));
-    HOST_SetSelfNode(1);
 }
 
 TEST_F(MirrorTest, CopyFile2FileCopiesWholeFilesAndRefusesMissingOnes) {
-    put(store.root() + "/a", "content");
-    EXPECT_EQ(PKEY_CFGMNG_CopyFile2File((store.root() + "/a").c_str(),
-                                        (store.root() + "/x/b").c_str()),
-              0);
-    EXPECT_EQ(get(store.root() + "/x/b"), "content");
-    EXPECT_EQ(PKEY_CFGMNG_CopyFile2File((store.root() + "/none").c_str(),
-                                        (store.root() + "/x/c").c_str()),
+    const std::string a = store.root() + "/a", b = store.root() + "/x/b";
+    put(a, "content");
+    EXPECT_EQ(PKEY_CFGMNG_CopyFile2File(a.c_str(), b.c_str()), 0);
+    EXPECT_EQ(get(b), "content");
+    EXPECT_EQ(PKEY_CFGMNG_CopyFile2File((a + "-none").c_str(), (b + "2").c_str()),
               static_cast<int>(PKEY_ERR_FAILED));
 }
 
-class BackupTest : public ::testing::Test {
-protected:
-    pkey::test::TempStore store;
-};
+using BackupTest = MirrorTest;
 
 TEST_F(BackupTest, NodeStatusIsNormalUnlessThePlatformSaysOtherwise) {
     EXPECT_EQ(PKEY_BACKUP_IsNodeStatusNormal(2), 1);
@@ -124,17 +104,14 @@ TEST_F(BackupTest, NodeStatusIsNormalUnlessThePlatformSaysOtherwise) {
 
 TEST_F(BackupTest, RealTimeBackupRepeatsTheOperationOnEveryStandbyNode) {
     PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_RSA, 3, "key", "", PKEY_FS_WriteDataToVFS, PKEY_KEY_HOST);
-    EXPECT_TRUE(tree(store.root()).count("node2/flash/hostkey") == 0);  // no standby yet
-
+    EXPECT_FALSE(fsys::exists(store.work_dir(2)));  // no standby yet
     const unsigned short standby[] = {2, 3};
     HOST_SetStandbyNodes(standby, 2);
     PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_RSA, 3, "key", "", PKEY_FS_WriteDataToVFS, PKEY_KEY_HOST);
     PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_ECDSA, 2, "nk", "named", PKEY_FS_WriteDataToVFS,
                               PKEY_KEY_HOST);
-    for (unsigned int node : {2u, 3u})
-        EXPECT_EQ(tree(store.work_dir(node)),
-                  (Tree{{"hostkey", "key"}, {"pkey/ecdsa/named.key", "nk"}}))
-            << node;
+    const Tree both = {{"hostkey", "key"}, {"pkey/ecdsa/named.key", "nk"}};
+    for (unsigned int node : {2u, 3u}) EXPECT_EQ(tree(store.work_dir(node)), both) << node;
     EXPECT_FALSE(fsys::exists(store.work_dir(1)));  // only standby nodes are written
     EXPECT_FALSE(fsys::exists(store.mem_dir(2)));   // and only their device copies
 
@@ -146,23 +123,18 @@ TEST_F(BackupTest, RealTimeBackupRepeatsTheOperationOnEveryStandbyNode) {
 TEST_F(BackupTest, BatchMakesTheStandbysFlashStoreEqualAbsenceIncluded) {
     const Tree active = {{"hostkey", "H"},          {"serverkey", "S"},       {"dsakey", "D"},
                          {"pkey/rsa/a.key", "ra"},   {"pkey/dsa/b.key", "db"}, {"other", "kept"}};
-    for (const auto &[rel, content] : active) put(store.work_dir(1) + "/" + rel, content);
+    seed(store.work_dir(1), active);
     // The standby has stale keys: a named key deleted here, an ECDSA host key
     // this node does not have, an old host key, and memory copies.
-    put(store.work_dir(2) + "/pkey/rsa/gone.key", "stale");
-    put(store.work_dir(2) + "/ecdsakey", "stale");
-    put(store.work_dir(2) + "/hostkey", "old");
-    put(store.work_dir(2) + "/unrelated", "theirs");
-    put(store.mem_dir(2) + "/pkey/hostkey", "old");
-    put(store.mem_dir(2) + "/pkey/rsa/gone.key", "stale");
+    seed(store.work_dir(2), {{"pkey/rsa/gone.key", "stale"}, {"ecdsakey", "stale"},
+                             {"hostkey", "old"}, {"unrelated", "theirs"}});
+    seed(store.mem_dir(2) + "/pkey", {{"hostkey", "old"}, {"rsa/gone.key", "stale"}});
 
     EXPECT_EQ(PKEY_BACKUP_Batch(2), -1);  // no ECDSA host key here
-    EXPECT_EQ(tree(store.work_dir(2)), (Tree{{"hostkey", "H"},
-                                             {"serverkey", "S"},
-                                             {"dsakey", "D"},
-                                             {"pkey/rsa/a.key", "ra"},
-                                             {"pkey/dsa/b.key", "db"},
-                                             {"unrelated", "theirs"}}));
+    Tree want = active;
+    want.erase("other");
+    want["unrelated"] = "theirs";
+    EXPECT_EQ(tree(store.work_dir(2)), want);
     EXPECT_FALSE(fsys::exists(store.mem_dir(2) + "/pkey"));
 
     put(store.work_dir(1) + "/ecdsakey", "E");
@@ -171,10 +143,10 @@ TEST_F(BackupTest, BatchMakesTheStandbysFlashStoreEqualAbsenceIncluded) {
 }
 
 TEST_F(BackupTest, BatchRefusesToCopyAStoreOntoItself) {
-    put(store.work_dir(1) + "/pkey/rsa/a.key", "ra");
-    put(store.work_dir(1) + "/hostkey", "H");
+    const Tree keys = {{"hostkey", "H"}, {"pkey/rsa/a.key", "ra"}};
+    seed(work(), keys);
     EXPECT_EQ(PKEY_BACKUP_BatchDevProc(1), static_cast<int>(PKEY_ERR_FAILED));
-    EXPECT_EQ(tree(store.work_dir(1)), (Tree{{"hostkey", "H"}, {"pkey/rsa/a.key", "ra"}}));
+    EXPECT_EQ(tree(work()), keys);
 }
 
 TEST(BackupPaths, AnUnresolvableWorkDirectoryStopsTheCopyButNotTheCleanUp) {
@@ -187,11 +159,9 @@ TEST(BackupPaths, AnUnresolvableWorkDirectoryStopsTheCopyButNotTheCleanUp) {
     put(deep + "/node1/flash/hostkey", "H");
 
     const int r = PKEY_BACKUP_Batch(2);
-    EXPECT_NE(r, 0);
-    EXPECT_NE(r, -1);
+    EXPECT_TRUE(r != 0 && r != -1) << r;
     EXPECT_FALSE(fsys::exists(mem2));
     EXPECT_FALSE(fsys::exists(deep + "/node2/flash"));
-    base.use();
 }
 
 }  // namespace
