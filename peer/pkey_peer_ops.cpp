@@ -1,0 +1,137 @@
+// Peer key operations: finishing a hex key code entry, saving parsed keys
+// under the policy, lookup, the existence test and removal.
+#include <openssl/core_names.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "pkey_cfgmng.h"
+#include "pkey_peer.h"
+#include "pkey_platform.h"
+#include "pkey_pubkey.h"
+#include "pkey_util.hpp"
+
+namespace {
+
+using pkey::EvpPkeyPtr;
+
+constexpr unsigned int kWorkBufferLen = PKEY_PEER_KEYCODE_MAX_DIGITS / 2;
+
+void print_message(unsigned int id) { std::printf("%s", RC_LoadString(id)); }
+
+bool is_empty(const char *name) noexcept { return name == nullptr || name[0] == '\0'; }
+
+unsigned int key_type(const EVP_PKEY *key) noexcept {
+    return static_cast<unsigned int>(EVP_PKEY_get_id(key));
+}
+
+// DER SubjectPublicKeyInfo of a key, owned.
+struct Der {
+    pkey::OpensslPtr<> bytes;
+    int len = 0;
+    explicit Der(EVP_PKEY *key) noexcept {
+        unsigned char *out = nullptr;
+        len = i2d_PUBKEY(key, &out);
+        bytes.reset(out);
+    }
+    bool ok() const noexcept { return bytes && len > 0; }
+};
+
+}  // namespace
+
+extern "C" {
+
+unsigned int PKEY_PEER_SavePeerPubKey(const unsigned char *der, unsigned int derLen,
+                                      const char *name) {
+    if (is_empty(name)) return PKEY_ERR_FAILED;
+    return PKEY_CFGMNG_Save(name, derLen, der);
+}
+
+unsigned int PKEY_PEER_RemovePeerPubKeyByName(const char *name) {
+    if (is_empty(name)) return PKEY_ERR_FAILED;
+    return PKEY_CFGMNG_Delete(name);
+}
+
+unsigned int PKEY_SavePeerPubKey(EVP_PKEY *key, const char *name) {
+    if (key == nullptr || is_empty(name)) return PKEY_ERR_FAILED;
+    const Der der(key);
+    if (!der.ok()) return PKEY_ERR_FAILED;
+    return PKEY_PEER_SavePeerPubKey(der.bytes.get(), static_cast<unsigned int>(der.len), name);
+}
+
+unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name) {
+    if (key == nullptr || is_empty(name)) return PKEY_ERR_FAILED;
+    if (PKEY_PUBKEY_IsEvpAglEnable(key_type(key)) != 1) return PKEY_ERR_FAILED;
+    // Stored EC keys name their curve rather than list its parameters. A key
+    // without a named curve cannot take this and fails the size check below.
+    if (EVP_PKEY_get_id(key) == EVP_PKEY_EC)
+        (void)EVP_PKEY_set_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING,
+                                             OSSL_PKEY_EC_ENCODING_GROUP);
+    if (PKEY_PUBKEY_IsKeyLenValid(key) != 1) return PKEY_ERR_FAILED;
+    return PKEY_SavePeerPubKey(key, name);
+}
+
+unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
+    if (entry == nullptr) return PKEY_ERR_FAILED;
+    return pkey::c_boundary(PKEY_ERR_FAILED, [&]() -> unsigned int {
+        const char *name = entry;
+        const char *key_code = entry + PKEY_PEER_NAME_LEN;
+        // The working buffer holds 2048 bytes; a longer key code is refused
+        // before anything is written.
+        if (strnlen(key_code, PKEY_PEER_KEYCODE_MAX_DIGITS + 1) > PKEY_PEER_KEYCODE_MAX_DIGITS)
+            return PKEY_ERR_FAILED;
+        unsigned char work[kWorkBufferLen];
+        const unsigned int count = PKEY_HexStringToHexData(key_code, work);
+        if (count == 0) return PKEY_ERR_FAILED;
+
+        const unsigned char *p = work;
+        EvpPkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(count)));
+        if (!key) {
+            print_message(PKEY_MSG_INVALID_KEY_CODE);
+            return PKEY_ERR_FAILED;
+        }
+        if (PKEY_PUBKEY_IsEvpAglEnable(key_type(key.get())) != 1) return PKEY_ERR_FAILED;
+        if (PKEY_PUBKEY_IsKeyLenValid(key.get()) != 1) {
+            print_message(PKEY_MSG_KEY_SIZE_REFUSED);
+            return PKEY_ERR_FAILED;
+        }
+        // The re-encoding is what gets stored; a different length means the
+        // key code carried bytes that are not part of the key.
+        const Der der(key.get());
+        if (!der.ok() || static_cast<unsigned int>(der.len) != count) {
+            print_message(PKEY_MSG_INVALID_KEY_CODE);
+            return PKEY_ERR_FAILED;
+        }
+        char stored_name[PKEY_PEER_NAME_LEN];
+        const size_t name_len = strnlen(name, PKEY_PEER_NAME_LEN - 1);
+        std::memcpy(stored_name, name, name_len);
+        stored_name[name_len] = '\0';
+        const unsigned int r =
+            PKEY_PEER_SavePeerPubKey(der.bytes.get(), static_cast<unsigned int>(der.len), stored_name);
+        if (r != 0) print_message(PKEY_MSG_SAVE_FAILED);
+        return r;
+    });
+}
+
+EVP_PKEY *PKEY_GetUserKeyByName(const char *name) {
+    if (is_empty(name)) return nullptr;
+    unsigned int len = 0;
+    pkey::MallocPtr<unsigned char> value(PKEY_CFGMNG_GetPeerPubKeyValue(name, &len));
+    if (!value) return nullptr;
+    const unsigned char *p = value.get();
+    return d2i_PUBKEY(nullptr, &p, static_cast<long>(len));
+}
+
+unsigned int PKEY_IsPeerPubKeyExisted(const char *name) {
+    if (is_empty(name)) return 0;
+    EvpPkeyPtr key(PKEY_GetUserKeyByName(name));
+    if (!key) return 0;
+    if (CRYPTO_FIPSIsEnabled() != 1) return 1;
+    if (PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()) == 1) return 1;
+    // Asking about a key too weak for FIPS mode removes it.
+    (void)PKEY_PEER_RemovePeerPubKeyByName(name);
+    return 0;
+}
+
+}  // extern "C"

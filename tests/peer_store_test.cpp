@@ -1,0 +1,251 @@
+// Peer keys: the configuration store, key-code entry and the operations on
+// stored keys, in and out of FIPS mode.
+#include <gtest/gtest.h>
+#include <openssl/obj_mac.h>
+#include <openssl/x509.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host_platform.h"
+#include "pkey_cfgmng.h"
+#include "pkey_local.h"
+#include "pkey_peer.h"
+#include "pkey_platform.h"
+#include "pkey_pubkey.h"
+#include "test_keys.hpp"
+#include "test_store.hpp"
+
+namespace {
+
+using pkey::EvpPkeyPtr;
+
+std::vector<unsigned char> der_of(EVP_PKEY *key) {
+    unsigned char *out = nullptr;
+    const int len = i2d_PUBKEY(key, &out);
+    std::vector<unsigned char> der(out, out + std::max(len, 0));
+    OPENSSL_free(out);
+    return der;
+}
+std::string hex_of(const std::vector<unsigned char> &bytes) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (unsigned char b : bytes) hex += {digits[b >> 4], digits[b & 15]};
+    return hex;
+}
+// A key code entry: the 65-byte name field, then the hex text.
+std::vector<char> entry(const std::string &name, const std::string &hex) {
+    std::vector<char> e(PKEY_PEER_NAME_LEN + hex.size() + 1, '\0');
+    std::copy(name.begin(), name.end(), e.begin());
+    std::copy(hex.begin(), hex.end(), e.begin() + PKEY_PEER_NAME_LEN);
+    return e;
+}
+std::vector<std::string> sorted_names() {
+    const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_READ);
+    unsigned int count = 0;
+    PKEY_NAME_LINK_S *head = PKEY_CFGMNG_GetSortedPeerKeyNameList(h, &count);
+    DBM_Close(h);
+    std::vector<std::string> names;
+    for (PKEY_NAME_LINK_S *l = head ? head->pstNext : nullptr; l && l != head; l = l->pstNext)
+        names.push_back(reinterpret_cast<PKEY_NAME_NODE_S *>(l)->szName);
+    EXPECT_EQ(count, names.size());
+    PKEY_CFGMNG_DestroySortedPeerKeyNameList(head);
+    return names;
+}
+
+class PeerTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        rsa1024 = PKEY_GenerateRSAKey(1024);
+        rsa2048 = PKEY_GenerateRSAKey(2048);
+        p192 = PKEY_GenerateECKey(NID_X9_62_prime192v1);
+        p256 = PKEY_GenerateECKey(NID_X9_62_prime256v1);
+    }
+    static void TearDownTestSuite() {
+        for (EVP_PKEY *k : {rsa1024, rsa2048, p192, p256}) EVP_PKEY_free(k);
+    }
+    // Runs the entry and returns what it printed; *result gets its status.
+    static std::string finish(const std::vector<char> &e, unsigned int *result) {
+        testing::internal::CaptureStdout();
+        *result = PKEY_PEER_EditKeyCodeFinish(e.data());
+        return testing::internal::GetCapturedStdout();
+    }
+    static bool stored_equals(const char *name, EVP_PKEY *key) {
+        EvpPkeyPtr got(PKEY_GetUserKeyByName(name));
+        return got && EVP_PKEY_eq(got.get(), key) == 1;
+    }
+
+    static inline EVP_PKEY *rsa1024, *rsa2048, *p192, *p256;
+    pkey::test::TempStore store;
+};
+
+TEST_F(PeerTest, SavedKeysAreReplacedReadAndDeletedByName) {
+    ASSERT_EQ(PKEY_SavePeerPubKey(rsa1024, "alice"), 0u);
+    ASSERT_EQ(PKEY_SavePeerPubKey(p256, "alice"), 0u);  // the second value wins
+    EXPECT_TRUE(stored_equals("alice", p256));
+    unsigned int len = 0;
+    unsigned char *value = PKEY_CFGMNG_GetPeerPubKeyValue("alice", &len);
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(std::vector<unsigned char>(value, value + len), der_of(p256));
+    std::free(value);
+    EXPECT_EQ(PKEY_PEER_RemovePeerPubKeyByName("alice"), 0u);
+    EXPECT_EQ(PKEY_GetUserKeyByName("alice"), nullptr);
+    EXPECT_NE(PKEY_PEER_RemovePeerPubKeyByName("alice"), 0u);  // the store's "no such key"
+    EXPECT_EQ(PKEY_PEER_RemovePeerPubKeyByName(""), PKEY_ERR_FAILED);
+    EXPECT_EQ(PKEY_SavePeerPubKey(p256, ""), PKEY_ERR_FAILED);
+    EXPECT_EQ(PKEY_GetUserKeyByName(""), nullptr);
+}
+
+TEST_F(PeerTest, NamesListInAscendingByteOrderWithTiesInTableOrder) {
+    EXPECT_TRUE(sorted_names().empty());
+    for (const char *name : {"b", "B", "a", "a1"}) ASSERT_EQ(PKEY_SavePeerPubKey(p256, name), 0u);
+    EXPECT_EQ(sorted_names(), (std::vector<std::string>{"B", "a", "a1", "b"}));
+
+    // Names of 65 characters or more are never listed but stay readable.
+    const std::string long_name(65, 'z');
+    ASSERT_EQ(PKEY_SavePeerPubKey(p256, long_name.c_str()), 0u);
+    EXPECT_EQ(sorted_names().size(), 4u);
+    EXPECT_TRUE(stored_equals(long_name.c_str(), p256));
+
+    // A key text with a NUL inside lists as its first part: a tie with "a",
+    // kept behind it because it was stored later.
+    const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_SAVE);
+    ASSERT_EQ(DBM_SetBinary(h, "a\0tie", 5, -1, 1, "x", 1), 0);
+    DBM_Close(h);
+    EXPECT_EQ(sorted_names(), (std::vector<std::string>{"B", "a", "a", "a1", "b"}));
+}
+
+TEST_F(PeerTest, ManyNamesComeOutSorted) {
+    std::vector<std::string> names;
+    const std::vector<unsigned char> der = der_of(p256);
+    const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_SAVE);
+    for (int i = 0; i < 10000; ++i) {
+        names.push_back("peer-" + std::to_string((i * 7919) % 10000));
+        ASSERT_EQ(DBM_SetBinary(h, names.back().c_str(), static_cast<unsigned>(names.back().size()),
+                                -1, static_cast<unsigned>(der.size()), der.data(), 1),
+                  0);
+    }
+    DBM_Close(h);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(sorted_names(), names);
+}
+
+TEST_F(PeerTest, KeyCodeEntryStoresTheReEncodedKeyOrSaysWhy) {
+    unsigned int r = 0;
+    EXPECT_EQ(finish(entry("k1", hex_of(der_of(rsa2048))), &r), "");
+    EXPECT_EQ(r, 0u);
+    EXPECT_TRUE(stored_equals("k1", rsa2048));
+
+    struct Row {
+        std::string hex;
+        const char *printed;
+    };
+    const std::string good = hex_of(der_of(p256));
+    const Row rows[] = {
+        {good.substr(1), ""},                                  // odd number of digits
+        {good + "0001", RC_LoadString(PKEY_MSG_INVALID_KEY_CODE)},  // bytes after the key
+        {"3003020100", RC_LoadString(PKEY_MSG_INVALID_KEY_CODE)},   // not a key
+        {std::string(4098, 'A'), ""},                          // longer than the work buffer
+    };
+    for (const Row &row : rows) {
+        EXPECT_EQ(finish(entry("bad", row.hex), &r), row.printed) << row.hex.substr(0, 16);
+        EXPECT_EQ(r, PKEY_ERR_FAILED);
+    }
+    HOST_SetFipsMode(1);
+    EXPECT_EQ(finish(entry("small", hex_of(der_of(rsa1024))), &r),
+              RC_LoadString(PKEY_MSG_KEY_SIZE_REFUSED));
+    EXPECT_EQ(r, PKEY_ERR_FAILED);
+    HOST_SetFipsMode(0);
+    HOST_SetAlgoEnabled(85, 0);  // ECDSA switched off: refused without a word
+    EXPECT_EQ(finish(entry("off", good), &r), "");
+    EXPECT_EQ(r, PKEY_ERR_FAILED);
+    HOST_SetAlgoEnabled(85, -1);
+    EXPECT_EQ(PKEY_GetUserKeyByName("bad"), nullptr);
+}
+
+TEST_F(PeerTest, AStoreThatCannotBeOpenedRefusesSavesButNotDeletes) {
+    pkey::test::TempStore broken;
+    std::ofstream(broken.root() + "/db");  // a file where the database directory goes
+    unsigned int r = 0;
+    EXPECT_EQ(finish(entry("k", hex_of(der_of(p256))), &r), RC_LoadString(PKEY_MSG_SAVE_FAILED));
+    EXPECT_EQ(r, PKEY_ERR_FAILED);
+    EXPECT_EQ(PKEY_CFGMNG_Delete("k"), 0u);
+    EXPECT_EQ(PKEY_GetUserKeyByName("k"), nullptr);
+    store.use();
+}
+
+TEST_F(PeerTest, ParsedKeysFollowThePolicyUnlessSavedDirectly) {
+    EXPECT_EQ(PKEY_EditKeyCode(rsa1024, "ok"), 0u);
+    HOST_SetFipsMode(1);
+    EXPECT_EQ(PKEY_EditKeyCode(rsa1024, "weak"), PKEY_ERR_FAILED);
+    EXPECT_EQ(PKEY_EditKeyCode(p192, "weak"), PKEY_ERR_FAILED);
+    EXPECT_EQ(PKEY_EditKeyCode(p256, "strong"), 0u);
+    EXPECT_EQ(PKEY_SavePeerPubKey(p192, "direct"), 0u);  // no policy here
+    EXPECT_EQ(PKEY_EditKeyCode(nullptr, "x"), PKEY_ERR_FAILED);
+}
+
+TEST_F(PeerTest, FipsModePurgesWeakKeysAtEveryLookup) {
+    for (auto [name, key] : {std::pair{"r1024", rsa1024}, {"r2048", rsa2048}, {"p192", p192},
+                             {"p256", p256}})
+        ASSERT_EQ(PKEY_SavePeerPubKey(key, name), 0u);
+    const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_SAVE);
+    ASSERT_EQ(DBM_SetBinary(h, "junk", 4, -1, 3, "\x30\x01\x00", 1), 0);
+    DBM_Close(h);
+
+    EXPECT_TRUE(stored_equals("r1024", rsa1024));  // outside FIPS mode nothing goes
+    EXPECT_EQ(sorted_names().size(), 5u);
+    HOST_SetFipsMode(1);
+    EXPECT_EQ(PKEY_IsPeerPubKeyExisted("r2048"), 1u);
+    EXPECT_EQ(sorted_names(), (std::vector<std::string>{"junk", "p256", "r2048"}));
+}
+
+TEST_F(PeerTest, TheExistenceTestRemovesAKeyTooWeakForFipsMode) {
+    ASSERT_EQ(PKEY_SavePeerPubKey(rsa1024, "weak"), 0u);
+    EXPECT_EQ(PKEY_IsPeerPubKeyExisted("weak"), 1u);
+    HOST_SetFipsMode(1);
+    EXPECT_EQ(PKEY_IsPeerPubKeyExisted("weak"), 0u);
+    HOST_SetFipsMode(0);
+    EXPECT_EQ(PKEY_GetUserKeyByName("weak"), nullptr);
+    EXPECT_EQ(PKEY_IsPeerPubKeyExisted(""), 0u);
+}
+
+TEST_F(PeerTest, ConcurrentProcessesLoseNoRecordAndSeeNoSpuriousFailure) {
+    constexpr int kChildren = 3, kKeys = 60;
+    const std::vector<unsigned char> der = der_of(p256);
+    std::vector<pid_t> children;
+    for (int c = 0; c < kChildren; ++c) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            int failures = 0;
+            for (int i = 0; i < kKeys; ++i) {
+                const std::string name = "c" + std::to_string(c) + "-" + std::to_string(i);
+                failures += PKEY_PEER_SavePeerPubKey(der.data(), static_cast<unsigned>(der.size()),
+                                                     name.c_str()) != 0;
+                if (i % 2 == 1) failures += PKEY_PEER_RemovePeerPubKeyByName(name.c_str()) != 0;
+                EvpPkeyPtr k(PKEY_GetUserKeyByName(name.c_str()));
+                failures += (i % 2 == 0) != static_cast<bool>(k);
+            }
+            _exit(failures == 0 ? 0 : 1);
+        }
+        children.push_back(pid);
+    }
+    for (pid_t pid : children) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::vector<std::string> expected;
+    for (int c = 0; c < kChildren; ++c)
+        for (int i = 0; i < kKeys; i += 2) expected.push_back("c" + std::to_string(c) + "-" + std::to_string(i));
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(sorted_names(), expected);
+}
+
+}  // namespace
