@@ -57,6 +57,13 @@ const std::set<std::string> kCoreExports = {
     "PKEY_LOCAL_GetPubKeyValue", "PKEY_LOCAL_ExportPubKey", "PKEY_LOCAL_AppendBufFromSSH1",
     "PKEY_LOCAL_AppendBufFromSSH2", "PKEY_LOCAL_AppendBufFromOPENSSH", "PKEY_LOCAL_DestroyOneKey",
     "PKEY_LOCAL_DestroyKey",
+    // peer key store and operations
+    "PKEY_CFGMNG_OpenDBM", "PKEY_CFGMNG_Save", "PKEY_CFGMNG_Delete",
+    "PKEY_CFGMNG_GetPeerPubKeyValue", "PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey",
+    "PKEY_CFGMNG_GetPeerPubKeyList", "PKEY_CFGMNG_GetSortedPeerKeyNameList",
+    "PKEY_CFGMNG_DestroySortedPeerKeyNameList", "PKEY_PEER_EditKeyCodeFinish", "PKEY_EditKeyCode",
+    "PKEY_SavePeerPubKey", "PKEY_PEER_SavePeerPubKey", "PKEY_PEER_RemovePeerPubKeyByName",
+    "PKEY_GetUserKeyByName", "PKEY_IsPeerPubKeyExisted",
     // generation
     "PKEY_GeneratePKey", "PKEY_GenerateRSAKey", "PKEY_GenerateDSAKey", "PKEY_GenerateECKey",
     "PKEY_LOCAL_GenerateReserve", "PKEY_LOCAL_GetServerKeyBitsByHostKeyBits",
@@ -89,6 +96,9 @@ const std::set<std::string> kCoreExports = {
     // creating and replacing local keys
     "PKEY_LOCAL_GenerateOneKey", "PKEY_LOCAL_GenerateKey", "PKEY_UpdateServerKey",
     "PKEY_SaveHostKey", "PKEY_SaveServerKey",
+    // peer key text
+    "PKEY_PEER_PeerPubKeyPreProc", "PKEY_PEER_ReadSSH2PubKey", "PKEY_PEER_ReadOpenSSHPubKey",
+    "PKEY_PEER_ReadSSH1PubKey",
 };
 
 const std::set<std::string> kHostExports = {

@@ -190,8 +190,12 @@ TEST_F(FsFileTest, ConcurrentReadersSeeOnlyWholeWrites) {
     const std::string file = path("contended"), a(1000, 'a'), b(3000, 'b');
     ASSERT_EQ(write_vfs(file, a), 0);
     const pid_t writer = spawn([&] {
-        for (int i = 0; i < 400; ++i)
+        // A writer truncates at its open, before it holds the lock, so a
+        // reader busy at that moment fails cleanly; pauses leave readers room.
+        for (int i = 0; i < 400; ++i) {
             if (write_vfs(file, i % 2 == 0 ? b : a) != 0) return 1;
+            usleep(200);
+        }
         return 0;
     });
     int whole = 0, damaged = 0;

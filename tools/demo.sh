@@ -49,6 +49,27 @@ run local export ecdsa --format openssh
 refused local export dsa --format ssh1
 run local destroy rsa --name backup-1
 run local list rsa
+
+# Peer keys, made by ssh-keygen and openssl as a remote user would.
+src="$store/peer-src"
+mkdir -p "$src"
+ssh-keygen -q -t rsa -b 2048 -N "" -C alice@example -f "$src/alice"
+ssh-keygen -q -t ecdsa -b 384 -N "" -f "$src/bob"
+ssh-keygen -q -t rsa -b 1024 -N "" -f "$src/carol"
+ssh-keygen -e -f "$src/bob.pub" > "$src/bob.ssh2"
+ssh-keygen -e -m PKCS8 -f "$src/carol.pub" | openssl pkey -pubin -outform DER |
+  od -An -tx1 -v | { echo "public-key-code begin"; cat; echo "public-key-code end"; } > "$src/carol.hex"
+"$ctl" --root "$store" local export rsa --format ssh1 > "$src/dave.ssh1"
+echo; echo "\$ head -c 120 $src/carol.hex"; head -c 120 "$src/carol.hex"; echo
+run peer add alice "$src/alice.pub"
+run peer add bob "$src/bob.ssh2"
+run peer add carol "$src/carol.hex"
+run peer add dave "$src/dave.ssh1"
+run peer list
+run peer show bob
+run peer remove carol
+run peer add erin "$src/carol.hex"
+run peer list
 run fips on
 run policy
 run keygen ecdsa
@@ -57,4 +78,7 @@ refused local get rsa
 refused local create rsa --bits 1024 --name small
 run local create ecdsa --curve p384 --name fips-key
 run local get ecdsa --name fips-key
+# Looking a peer key up in FIPS mode purges the ones too weak for it.
+refused peer show erin
+run peer list
 run fips off

@@ -5,8 +5,13 @@
 #include <openssl/evp.h>
 #include <openssl/obj_mac.h>
 #include <openssl/objects.h>
+#include <openssl/x509.h>
 
+#include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +24,8 @@
 #include "host_platform.h"
 #include "pkey_fs.h"
 #include "pkey_local.h"
+#include "pkey_peer.h"
+#include "pkey_cfgmng.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
@@ -52,6 +59,11 @@ const Algorithm *find_algorithm(std::string_view name) {
     for (const auto &a : kAlgorithms)
         if (name == a.option) return &a;
     return nullptr;
+}
+const char *find_algorithm_by_type(int evp_type) {
+    for (const auto &a : kAlgorithms)
+        if (a.evp_type == evp_type) return a.option;
+    return "?";
 }
 const Curve *find_curve(std::string_view name) {
     for (const auto &c : kCurves)
@@ -93,6 +105,11 @@ void print_help() {
         "  local destroy rsa|dsa|ecdsa [--name NAME]\n"
         "                                 destroy a key (the default RSA host key takes\n"
         "                                 its server key with it)\n"
+        "  peer add NAME [FILE|-]         add a peer key: hex key code (wrapped or not),\n"
+        "                                 SSH2 block, OpenSSH line or SSH1 text\n"
+        "  peer list                      peer key names, sorted\n"
+        "  peer show NAME                 fingerprint and key-code display of a peer key\n"
+        "  peer remove NAME               remove a peer key\n"
         "\n"
         "options:\n"
         "  --root DIR    the store (default: $PKEY_ROOT, else ./pkey-store)\n"
@@ -394,6 +411,164 @@ int cmd_local_destroy(const std::vector<std::string> &args) {
     return kOk;
 }
 
+// ---- peer keys ----------------------------------------------------------------
+
+enum class PeerForm { kKeyCode, kSsh2, kOpenSsh, kSsh1, kUnknown };
+
+bool only_chars(std::string_view text, std::string_view allowed) {
+    return text.find_first_not_of(allowed) == std::string_view::npos;
+}
+
+PeerForm detect_form(std::string_view text) {
+    if (text.find("---- BEGIN SSH2 PUBLIC KEY ----") != std::string_view::npos) return PeerForm::kSsh2;
+    if (text.find("ssh-rsa") != std::string_view::npos ||
+        text.find("ssh-dss") != std::string_view::npos ||
+        text.find("ecdsa") != std::string_view::npos)
+        return PeerForm::kOpenSsh;
+    constexpr std::string_view kBlank = " \t\r\n";
+    // SSH1 text: bits, exponent and modulus in decimal, a comment may follow.
+    std::vector<std::string_view> tokens;
+    for (size_t i = text.find_first_not_of(kBlank); i != std::string_view::npos && tokens.size() < 3;) {
+        const size_t end = std::min(text.find_first_of(kBlank, i), text.size());
+        tokens.push_back(text.substr(i, end - i));
+        i = text.find_first_not_of(kBlank, end);
+    }
+    if (tokens.size() == 3 && only_chars(tokens[0], "0123456789") &&
+        only_chars(tokens[1], "0123456789") && only_chars(tokens[2], "0123456789"))
+        return PeerForm::kSsh1;
+    if (only_chars(text, "0123456789abcdefABCDEF \t\r\n") &&
+        text.find_first_not_of(kBlank) != std::string_view::npos)
+        return PeerForm::kKeyCode;
+    return PeerForm::kUnknown;
+}
+
+int refuse(const char *what, unsigned int message) {
+    std::fprintf(stderr, "pkeyctl: %s: %s", what, RC_LoadString(message));
+    return kFailed;
+}
+
+int cmd_peer_add(const std::vector<std::string> &args) {
+    if (args.empty() || args.size() > 2) return usage_error("peer add takes NAME [FILE|-]");
+    const std::string &name = args[0];
+    if (name.empty() || name.size() >= PKEY_PEER_NAME_LEN)
+        return usage_error("a peer key name has 1 to 64 characters");
+    std::string text;
+    if (args.size() == 1 || args[1] == "-") {
+        text.assign(std::istreambuf_iterator<char>(std::cin), {});
+    } else {
+        std::ifstream in(args[1], std::ios::binary);
+        if (!in) {
+            std::fprintf(stderr, "pkeyctl: peer add: cannot read '%s'\n", args[1].c_str());
+            return kFailed;
+        }
+        text.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    if (text.find('\0') != std::string::npos) return refuse("peer add", PKEY_MSG_INVALID_KEY_CODE);
+    // Files end in line breaks; the key-code wrapper allows only blanks
+    // around it, so surrounding white space goes first.
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    const size_t last = text.find_last_not_of(" \t\r\n");
+    text = first == std::string::npos ? "" : text.substr(first, last - first + 1);
+    // The readers work in place on a writable, terminated copy.
+    std::vector<char> buf(text.begin(), text.end());
+    buf.push_back('\0');
+    char *body = PKEY_PEER_PeerPubKeyPreProc(buf.data());
+    if (body == nullptr) return refuse("peer add", PKEY_MSG_INVALID_KEY_CODE);
+    const PeerForm form = detect_form(body);
+    if (form == PeerForm::kKeyCode) {
+        // Hex key code: blanks and line breaks go, the rest is the entry.
+        std::string hex;
+        for (const char *c = body; *c != '\0'; ++c)
+            if (std::strchr(" \t\r\n", *c) == nullptr) hex += *c;
+        if (hex.size() > PKEY_PEER_KEYCODE_MAX_DIGITS)
+            return refuse("peer add", PKEY_MSG_INVALID_KEY_CODE);
+        std::vector<char> entry(PKEY_PEER_NAME_LEN + hex.size() + 1, '\0');
+        std::copy(name.begin(), name.end(), entry.begin());
+        std::copy(hex.begin(), hex.end(), entry.begin() + PKEY_PEER_NAME_LEN);
+        std::fflush(stdout);
+        if (PKEY_PEER_EditKeyCodeFinish(entry.data()) != 0) {
+            std::fflush(stdout);  // the library has printed its own message
+            std::fprintf(stderr, "pkeyctl: peer add %s: refused\n", name.c_str());
+            return kFailed;
+        }
+    } else {
+        pkey::EvpPkeyPtr key(form == PeerForm::kSsh2      ? PKEY_PEER_ReadSSH2PubKey(body)
+                             : form == PeerForm::kOpenSsh ? PKEY_PEER_ReadOpenSSHPubKey(body)
+                             : form == PeerForm::kSsh1    ? PKEY_PEER_ReadSSH1PubKey(body)
+                                                          : nullptr);
+        if (!key) return refuse("peer add", PKEY_MSG_INVALID_KEY_CODE);
+        if (PKEY_PUBKEY_IsEvpAglEnable(static_cast<unsigned>(EVP_PKEY_get_id(key.get()))) != 1) {
+            std::fprintf(stderr, "pkeyctl: peer add: the key's algorithm is disabled\n");
+            return kFailed;
+        }
+        if (PKEY_PUBKEY_IsKeyLenValid(key.get()) != 1)
+            return refuse("peer add", PKEY_MSG_KEY_SIZE_REFUSED);
+        if (PKEY_EditKeyCode(key.get(), name.c_str()) != 0)
+            return refuse("peer add", PKEY_MSG_SAVE_FAILED);
+    }
+    pkey::EvpPkeyPtr stored(PKEY_GetUserKeyByName(name.c_str()));
+    std::printf("added peer key %s: %s %u bits %s\n", name.c_str(),
+                stored ? find_algorithm_by_type(EVP_PKEY_get_id(stored.get())) : "?",
+                stored ? PKEY_PUBKEY_GetKeyBits(stored.get()) : 0u,
+                stored ? sha256_fingerprint(stored.get()).c_str() : "");
+    return kOk;
+}
+
+int cmd_peer_list(const std::vector<std::string> &args) {
+    if (!args.empty()) return usage_error("peer list takes no arguments");
+    const int handle = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_READ);
+    if (handle == -1) {
+        std::fprintf(stderr, "pkeyctl: peer list: the peer key store cannot be opened\n");
+        return kFailed;
+    }
+    unsigned int count = 0;
+    PKEY_NAME_LINK_S *head = PKEY_CFGMNG_GetSortedPeerKeyNameList(handle, &count);
+    DBM_Close(handle);
+    for (PKEY_NAME_LINK_S *l = head != nullptr ? head->pstNext : nullptr; l != nullptr && l != head;
+         l = l->pstNext)
+        std::printf("%s\n", reinterpret_cast<PKEY_NAME_NODE_S *>(l)->szName);
+    PKEY_CFGMNG_DestroySortedPeerKeyNameList(head);
+    return kOk;
+}
+
+int cmd_peer_show(const std::vector<std::string> &args) {
+    if (args.size() != 1) return usage_error("peer show takes NAME");
+    pkey::EvpPkeyPtr key(PKEY_GetUserKeyByName(args[0].c_str()));
+    if (!key) {
+        std::fprintf(stderr, "pkeyctl: peer show: no peer key %s\n", args[0].c_str());
+        return kFailed;
+    }
+    unsigned char *der = nullptr;
+    const int len = i2d_PUBKEY(key.get(), &der);
+    pkey::OpensslPtr<> der_owner(der);
+    pkey::MallocPtr<char> display(len > 0 ? PKEY_PUBKEY_DER2BdrnBuf(der, static_cast<unsigned>(len))
+                                          : nullptr);
+    std::printf("%s %u %s\npublic-key-code begin%spublic-key-code end\n",
+                find_algorithm_by_type(EVP_PKEY_get_id(key.get())), PKEY_PUBKEY_GetKeyBits(key.get()),
+                sha256_fingerprint(key.get()).c_str(), display ? display.get() : "\r\n");
+    return kOk;
+}
+
+int cmd_peer_remove(const std::vector<std::string> &args) {
+    if (args.size() != 1) return usage_error("peer remove takes NAME");
+    if (PKEY_PEER_RemovePeerPubKeyByName(args[0].c_str()) != 0) {
+        std::fprintf(stderr, "pkeyctl: peer remove: no peer key %s\n", args[0].c_str());
+        return kFailed;
+    }
+    std::printf("removed peer key %s\n", args[0].c_str());
+    return kOk;
+}
+
+int cmd_peer(const std::vector<std::string> &args) {
+    if (args.empty()) return usage_error("peer needs an action: add, list, show or remove");
+    const std::vector<std::string> rest(args.begin() + 1, args.end());
+    if (args[0] == "add") return cmd_peer_add(rest);
+    if (args[0] == "list") return cmd_peer_list(rest);
+    if (args[0] == "show") return cmd_peer_show(rest);
+    if (args[0] == "remove") return cmd_peer_remove(rest);
+    return usage_error("unknown peer action '%s'", args[0].c_str());
+}
+
 int cmd_local(const std::vector<std::string> &args) {
     if (args.empty()) return usage_error("local needs an action: create, get, list, export or destroy");
     const std::vector<std::string> rest(args.begin() + 1, args.end());
@@ -445,5 +620,6 @@ int main(int argc, char **argv) {
     if (command == "fips") return cmd_fips(rest);
     if (command == "keygen") return cmd_keygen(rest);
     if (command == "local") return cmd_local(rest);
+    if (command == "peer") return cmd_peer(rest);
     return usage_error("unknown command '%s'", command.c_str());
 }
