@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The main job: a short tour of pkey against a fresh store under the build directory.
+# The main job: a tour of pkey against a fresh store under the build directory.
 set -euo pipefail
 build=${1:-build}
 store="$build/demo-store"
@@ -22,23 +22,18 @@ refused() {
   fi
 }
 
-echo "pkey demo: store at $store"
+echo "pkey demo: a fresh store at $store"
 run fips off
 run policy
-run keygen rsa --bits 2048
-run keygen dsa --bits 1024
-run keygen ecdsa
-run keygen ecdsa --curve p384
+
+echo; echo "== The device's own key pairs"
 run local create rsa --bits 2048
 run local create dsa --bits 1024
 run local create ecdsa --curve p256
 run local create rsa --bits 1024 --name backup-1
-run local get rsa
-run local get rsa --server
-run local get dsa
-run local get ecdsa
-run local get rsa --name backup-1
+refused local create rsa --bits 4096
 run local list
+run local show ecdsa
 run local export rsa --format ssh1
 run local export rsa --format ssh2
 run local export rsa --format openssh
@@ -48,9 +43,8 @@ run local export ecdsa --format ssh2
 run local export ecdsa --format openssh
 refused local export dsa --format ssh1
 run local destroy rsa --name backup-1
-run local list rsa
 
-# Peer keys, made by ssh-keygen and openssl as a remote user would.
+echo; echo "== Peer keys, made by ssh-keygen and openssl as remote users would"
 src="$store/peer-src"
 mkdir -p "$src"
 ssh-keygen -q -t rsa -b 2048 -N "" -C alice@example -f "$src/alice"
@@ -60,25 +54,29 @@ ssh-keygen -e -f "$src/bob.pub" > "$src/bob.ssh2"
 ssh-keygen -e -m PKCS8 -f "$src/carol.pub" | openssl pkey -pubin -outform DER |
   od -An -tx1 -v | { echo "public-key-code begin"; cat; echo "public-key-code end"; } > "$src/carol.hex"
 "$ctl" --root "$store" local export rsa --format ssh1 > "$src/dave.ssh1"
-echo; echo "\$ head -c 120 $src/carol.hex"; head -c 120 "$src/carol.hex"; echo
+echo; echo "\$ head -3 $src/carol.hex"; head -3 "$src/carol.hex"
 run peer add alice "$src/alice.pub"
 run peer add bob "$src/bob.ssh2"
 run peer add carol "$src/carol.hex"
 run peer add dave "$src/dave.ssh1"
 run peer list
 run peer show bob
-run peer remove carol
-run peer add erin "$src/carol.hex"
+run peer remove dave
 run peer list
+
+echo; echo "== A standby node"
+run node standby add 2
+run backup batch 2
+echo; echo "\$ ls $store/node2/flash"
+ls "$store/node2/flash"
+
+echo; echo "== FIPS mode"
 run fips on
 run policy
-run keygen ecdsa
-# Keys written outside FIPS mode carry an MD5 digest: FIPS mode will not read them.
-refused local get rsa
-refused local create rsa --bits 1024 --name small
-run local create ecdsa --curve p384 --name fips-key
-run local get ecdsa --name fips-key
-# Looking a peer key up in FIPS mode purges the ones too weak for it.
-refused peer show erin
+run local list
 run peer list
+refused local create rsa --bits 1024
+run local create ecdsa --curve p384
+run local create rsa --bits 2048
+run local list
 run fips off
