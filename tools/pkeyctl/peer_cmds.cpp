@@ -31,7 +31,8 @@ bool only(std::string_view text, std::string_view allowed) {
 }
 
 // Which reader a text is for: the markers of SSH2 blocks and OpenSSH lines,
-// three decimal numbers for SSH1, hexadecimal digits for key code.
+// three decimal numbers (the last a long modulus) for SSH1, hexadecimal
+// digits for key code.
 Form detect_form(std::string_view text) {
     if (text.find("---- BEGIN SSH2 PUBLIC KEY ----") != std::string_view::npos) return Form::kSsh2;
     for (std::string_view type : {"ssh-rsa", "ssh-dss", "ecdsa"})
@@ -43,9 +44,10 @@ Form detect_form(std::string_view text) {
         i = text.find_first_not_of(kBlank, end);
     }
     if (tokens.empty()) return Form::kUnknown;
-    if (tokens.size() == 3 && std::all_of(tokens.begin(), tokens.end(), [](std::string_view t) {
-            return only(t, "0123456789");
-        }))
+    // A modulus runs to hundreds of digits; hex key code comes in pairs.
+    constexpr size_t kShortestModulus = 20;
+    if (tokens.size() == 3 && tokens[2].size() >= kShortestModulus &&
+        std::all_of(tokens.begin(), tokens.end(), [](std::string_view t) { return only(t, "0123456789"); }))
         return Form::kSsh1;
     return only(text, std::string("0123456789abcdefABCDEF") + std::string(kBlank)) ? Form::kKeyCode
                                                                                     : Form::kUnknown;
