@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <functional>
 #include <tuple>
+#include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -60,8 +62,9 @@ Bytes ec_tail(const std::string &id, const Bytes &point, int64_t declared = -1) 
     return b;
 }
 EvpPkeyPtr read_ec(const Bytes &tail) {
-    pkey::MallocPtr<> exact(static_cast<unsigned char *>(malloc(tail.size())));
-    std::copy(tail.begin(), tail.end(), exact.get());
+    // Exactly the bytes given, so an over-read is caught by AddressSanitizer.
+    pkey::MallocPtr<> exact(static_cast<unsigned char *>(std::calloc(std::max<size_t>(tail.size(), 1), 1)));
+    if (!tail.empty()) std::memcpy(exact.get(), tail.data(), tail.size());
     return EvpPkeyPtr(PKEY_ReadECDSAPubKey(exact.get(), static_cast<unsigned int>(tail.size())));
 }
 // The uncompressed form of the first P-256 point with x >= start that suits.
