@@ -7,7 +7,11 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 PREFIX ?=
 
-.PHONY: all deps configure build test demo install clean
+FUZZ_SECONDS ?= 60
+FUZZ_BUILD ?= $(BUILD)-fuzz
+ASAN_BUILD ?= $(BUILD)-asan
+
+.PHONY: all deps configure build test test-unit test-asan fuzz fuzz-configure fuzz-smoke demo install clean
 
 all: build
 
@@ -20,8 +24,29 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j$(JOBS)
 
-test: build
+# Every test: the suite as built for use, the suite again under
+# AddressSanitizer and UndefinedBehaviorSanitizer (leaks are failures), and a
+# short run of every fuzz target.
+test: test-unit test-asan fuzz-smoke
+
+test-unit: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+
+test-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DPKEY_SANITIZE=ON $(CMAKE_FLAGS)
+	cmake --build $(ASAN_BUILD) -j$(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 ctest --output-on-failure -j$(JOBS)
+
+fuzz-configure: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPKEY_FUZZ=ON -DPKEY_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_BUILD) -j$(JOBS)
+
+# Every fuzz target for FUZZ_SECONDS each; fails on any finding.
+fuzz: fuzz-configure
+	fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+fuzz-smoke: fuzz-configure
+	fuzz/run.sh $(FUZZ_BUILD) 10
 
 demo: build
 	tools/demo.sh $(BUILD)

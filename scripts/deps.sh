@@ -3,7 +3,7 @@
 # are missing. Run as root on a fresh machine; otherwise it names what to install.
 set -euo pipefail
 
-packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3)
+packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang libclang-rt-14-dev valgrind)
 
 missing=()
 for p in "${packages[@]}"; do
