@@ -29,7 +29,6 @@ using pkey::BnCtxPtr;
 using pkey::ByteReader;
 using pkey::ByteWriter;
 using pkey::EcPointPtr;
-using pkey::EvpPkeyCtxPtr;
 using pkey::EvpPkeyPtr;
 using pkey::MallocPtr;
 
@@ -196,12 +195,7 @@ EvpPkeyPtr public_key_of(int nid, const EC_GROUP *group, const EC_POINT *point) 
         OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
                                          const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP), 0),
         OSSL_PARAM_construct_end()};
-    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
-    EVP_PKEY *key = nullptr;
-    if (!ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-        EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_PUBLIC_KEY, params) != 1)
-        return nullptr;
-    return EvpPkeyPtr(key);
+    return pkey::key_from_params("EC", EVP_PKEY_PUBLIC_KEY, params);
 }
 
 }  // namespace

@@ -133,25 +133,17 @@ bool generate_g(BN_CTX *ctx, Group &grp) {
     return true;
 }
 
-// A DSA key object of the group, with the pair (y, x) when given.
+// A DSA key pair (y, x) in the group.
 EVP_PKEY *group_to_key(const Group &grp, const BIGNUM *pub, const BIGNUM *priv) {
-    std::unique_ptr<OSSL_PARAM_BLD, pkey::FnDeleter<OSSL_PARAM_BLD_free>> bld(OSSL_PARAM_BLD_new());
+    pkey::ParamBldPtr bld(OSSL_PARAM_BLD_new());
     if (!bld || !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_FFC_P, grp.p.get()) ||
         !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_FFC_Q, grp.q.get()) ||
         !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_FFC_G, grp.g.get()))
         return nullptr;
-    if (pub != nullptr && (!OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, pub) ||
-                           !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PRIV_KEY, priv)))
+    if (!OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, pub) ||
+        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PRIV_KEY, priv))
         return nullptr;
-    std::unique_ptr<OSSL_PARAM, pkey::FnDeleter<OSSL_PARAM_free>> params(
-        OSSL_PARAM_BLD_to_param(bld.get()));
-    pkey::EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr));
-    EVP_PKEY *out = nullptr;
-    const int selection = pub != nullptr ? EVP_PKEY_KEYPAIR : EVP_PKEY_KEY_PARAMETERS;
-    if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-        EVP_PKEY_fromdata(ctx.get(), &out, selection, params.get()) != 1)
-        return nullptr;
-    return out;
+    return pkey::key_from_builder("DSA", EVP_PKEY_KEYPAIR, bld.get()).release();
 }
 
 bool derive_group(unsigned int bits, Group &out) {

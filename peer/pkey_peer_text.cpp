@@ -25,12 +25,10 @@
 namespace {
 
 using pkey::BignumPtr;
-using pkey::EvpPkeyCtxPtr;
 using pkey::EvpPkeyPtr;
 using pkey::FnDeleter;
 
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, FnDeleter<OSSL_PARAM_BLD_free>>;
-using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
+using pkey::ParamBldPtr;
 
 constexpr std::string_view kWrapBegin = "public-key-code begin";
 constexpr std::string_view kWrapEnd = "public-key-code end";
@@ -85,13 +83,7 @@ EvpPkeyPtr rsa_public_key(const BIGNUM *n, const BIGNUM *e) noexcept {
     if (!bld || OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n) != 1 ||
         OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e) != 1)
         return nullptr;
-    ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
-    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-    EVP_PKEY *key = nullptr;
-    if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-        EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_PUBLIC_KEY, params.get()) != 1)
-        return nullptr;
-    return EvpPkeyPtr(key);
+    return pkey::key_from_builder("RSA", EVP_PKEY_PUBLIC_KEY, bld.get());
 }
 
 // A decimal number read up to its first non-digit, or null when none is there.

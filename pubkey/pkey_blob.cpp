@@ -34,14 +34,12 @@ using pkey::ByteReader;
 using pkey::ByteWriter;
 using pkey::EcGroupPtr;
 using pkey::EcPointPtr;
-using pkey::EvpPkeyCtxPtr;
 using pkey::EvpPkeyPtr;
 using pkey::FnDeleter;
 using pkey::MallocPtr;
 using pkey::OpensslPtr;
 
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, FnDeleter<OSSL_PARAM_BLD_free>>;
-using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
+using pkey::ParamBldPtr;
 
 using GetBufLenFn = unsigned int (*)(EVP_PKEY *key, int ssh2);
 using FillKeyToBufFn = unsigned int (*)(EVP_PKEY *key, unsigned char *buf, unsigned int *written);
@@ -236,13 +234,7 @@ EvpPkeyPtr public_key_from_blob(const char *type, ComponentNames names, ByteRead
         bn[i] = read_mpint(in);
         if (!bn[i] || OSSL_PARAM_BLD_push_BN(bld.get(), names[i], bn[i].get()) != 1) return nullptr;
     }
-    ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
-    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
-    EVP_PKEY *key = nullptr;
-    if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-        EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_PUBLIC_KEY, params.get()) != 1)
-        return nullptr;
-    return EvpPkeyPtr(key);
+    return pkey::key_from_builder(type, EVP_PKEY_PUBLIC_KEY, bld.get());
 }
 
 bool is_rsa_name(std::string_view name) noexcept {

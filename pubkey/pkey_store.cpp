@@ -27,13 +27,11 @@ using pkey::BignumPtr;
 using pkey::ByteReader;
 using pkey::ByteWriter;
 using pkey::EvpMdCtxPtr;
-using pkey::EvpPkeyCtxPtr;
 using pkey::EvpPkeyPtr;
 using pkey::FnDeleter;
 using pkey::SecureBuffer;
 
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, FnDeleter<OSSL_PARAM_BLD_free>>;
-using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
+using pkey::ParamBldPtr;
 
 using GetStoreLenFn = unsigned int (*)(EVP_PKEY *key);
 using ConvertToStoreBufFn = unsigned int (*)(EVP_PKEY *key, unsigned int *written,
@@ -153,13 +151,7 @@ EvpPkeyPtr key_from_components(const char *type, ComponentNames names, ByteReade
     }
     // The components are flagged secure, so the parameter block that copies
     // them is wiped when it is freed.
-    ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
-    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
-    EVP_PKEY *key = nullptr;
-    if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-        EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_KEYPAIR, params.get()) != 1)
-        return nullptr;
-    return EvpPkeyPtr(key);
+    return pkey::key_from_builder(type, EVP_PKEY_KEYPAIR, bld.get());
 }
 
 // Size of the DER SEQUENCE at the reader's position, its header included; 0

@@ -15,6 +15,7 @@
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
+#include <openssl/param_build.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -41,6 +42,26 @@ using BignumPtr = std::unique_ptr<BIGNUM, FnDeleter<BN_clear_free>>;
 using BnCtxPtr = std::unique_ptr<BN_CTX, FnDeleter<BN_CTX_free>>;
 using EcGroupPtr = std::unique_ptr<EC_GROUP, FnDeleter<EC_GROUP_free>>;
 using EcPointPtr = std::unique_ptr<EC_POINT, FnDeleter<EC_POINT_free>>;
+
+using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, FnDeleter<OSSL_PARAM_BLD_free>>;
+using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
+
+// A key of an OpenSSL key type ("RSA", "DSA", "EC") made from parameters;
+// selection as for EVP_PKEY_fromdata. NULL on any failure.
+inline EvpPkeyPtr key_from_params(const char *type, int selection, const OSSL_PARAM *params) noexcept {
+    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+    EVP_PKEY *key = nullptr;
+    if (params == nullptr || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
+        EVP_PKEY_fromdata(ctx.get(), &key, selection, const_cast<OSSL_PARAM *>(params)) != 1)
+        return nullptr;
+    return EvpPkeyPtr(key);
+}
+
+// The same from the parameters pushed on a builder.
+inline EvpPkeyPtr key_from_builder(const char *type, int selection, OSSL_PARAM_BLD *bld) noexcept {
+    ParamsPtr params(bld != nullptr ? OSSL_PARAM_BLD_to_param(bld) : nullptr);
+    return key_from_params(type, selection, params.get());
+}
 
 inline void free_bytes(void *p) noexcept { std::free(p); }
 template <typename T = unsigned char>
