@@ -90,8 +90,8 @@ same "$(pk local list rsa | awk 'NR == 2 {print $1}')" "hostkey(default)" "store
 
 # -- peer keys ----------------------------------------------------------------------
 mkdir -p "$work/peers"
-for spec in "rsa 2048" "dsa 1024" "ecdsa 256" "ecdsa 384" "ecdsa 521"; do
-  set -- $spec
+for kind in "rsa 2048" "dsa 1024" "ecdsa 256" "ecdsa 384" "ecdsa 521"; do
+  set -- $kind
   key="$work/peers/$1-$2"
   ssh-keygen -q -t "$1" -b "$2" -N "" -f "$key"
   want=$(fp "$key.pub")
