@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <openssl/obj_mac.h>
 #include <openssl/x509.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -214,38 +212,6 @@ TEST_F(PeerTest, TheExistenceTestRemovesAKeyTooWeakForFipsMode) {
     HOST_SetFipsMode(0);
     EXPECT_EQ(PKEY_GetUserKeyByName("weak"), nullptr);
     EXPECT_EQ(PKEY_IsPeerPubKeyExisted(""), 0u);
-}
-
-TEST_F(PeerTest, ConcurrentProcessesLoseNoRecordAndSeeNoSpuriousFailure) {
-    constexpr int kChildren = 3, kKeys = 60;
-    const std::vector<unsigned char> der = der_of(p256);
-    std::vector<pid_t> children;
-    for (int c = 0; c < kChildren; ++c) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            int failures = 0;
-            for (int i = 0; i < kKeys; ++i) {
-                const std::string name = "c" + std::to_string(c) + "-" + std::to_string(i);
-                failures += PKEY_PEER_SavePeerPubKey(der.data(), static_cast<unsigned>(der.size()),
-                                                     name.c_str()) != 0;
-                if (i % 2 == 1) failures += PKEY_PEER_RemovePeerPubKeyByName(name.c_str()) != 0;
-                EvpPkeyPtr k(PKEY_GetUserKeyByName(name.c_str()));
-                failures += (i % 2 == 0) != static_cast<bool>(k);
-            }
-            _exit(failures == 0 ? 0 : 1);
-        }
-        children.push_back(pid);
-    }
-    for (pid_t pid : children) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    std::vector<std::string> expected;
-    for (int c = 0; c < kChildren; ++c)
-        for (int i = 0; i < kKeys; i += 2) expected.push_back("c" + std::to_string(c) + "-" + std::to_string(i));
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(sorted_names(), expected);
 }
 
 }  // namespace

@@ -47,8 +47,8 @@ enum Stmt { kLen, kGet, kSet, kDelete, kCount, kList, kStmtCount };
 constexpr const char *kStmtSql[kStmtCount] = {
     "SELECT length(value) FROM records WHERE key = ?1",
     "SELECT value FROM records WHERE key = ?1",
-    "INSERT INTO records(key, type, value) VALUES (?1, ?2, ?3) "
-    "ON CONFLICT(key) DO UPDATE SET type = excluded.type, value = excluded.value",
+    ("INSERT INTO records(key, type, value) VALUES (?1, ?2, ?3) "
+     "ON CONFLICT(key) DO UPDATE SET type = excluded.type, value = excluded.value"),
     "DELETE FROM records WHERE key = ?1",
     "SELECT count(*) FROM records WHERE type = ?1",
     "SELECT key FROM records WHERE type = ?1 ORDER BY rowid LIMIT ?2",
@@ -162,8 +162,11 @@ bool sync_state() {
     if (store.root.empty()) return false;
     const pid_t pid = ::getpid();
     if (g_dbm.pid != pid) {
-        // Inherited through fork(): the parent still uses these, so leave them be.
-        for (auto &entry : g_dbm.connections) (void)entry.second.release();
+        // Inherited through fork(): the parent still uses these, so they are
+        // never closed here. They stay parked, reachable and unused, for the
+        // life of this process.
+        static auto *inherited = new std::vector<std::unique_ptr<Connection>>();
+        for (auto &entry : g_dbm.connections) inherited->push_back(std::move(entry.second));
         g_dbm.connections.clear();
         g_dbm.pid = pid;
     }

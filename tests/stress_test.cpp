@@ -1,0 +1,348 @@
+// Several processes on one store: writers and readers of one key, savers
+// killed mid-write, the peer key store under mixed operations; every single-bit
+// change of a key file; modes of key files and links planted in their place.
+// Each test prints its counts.
+#include <gtest/gtest.h>
+#include <openssl/core_names.h>
+#include <openssl/obj_mac.h>
+#include <openssl/x509.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "pkey_cfgmng.h"
+#include "pkey_local.h"
+#include "pkey_peer.h"
+#include "pkey_platform.h"
+#include "test_keys.hpp"
+#include "test_store.hpp"
+
+namespace {
+
+namespace fsys = std::filesystem;
+using pkey::EvpPkeyPtr;
+using Bytes = std::vector<unsigned char>;
+using Pool = std::vector<EVP_PKEY *>;
+
+Bytes file_bytes(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+void write_bytes(const std::string &path, const Bytes &b) {
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), b.size());
+}
+mode_t mode_of(const std::string &path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+// Public and private parts equal.
+bool same_pair(const EVP_PKEY *a, const EVP_PKEY *b) {
+    if (a == nullptr || b == nullptr || EVP_PKEY_eq(a, b) != 1) return false;
+    const char *priv =
+        EVP_PKEY_get_id(a) == EVP_PKEY_RSA ? OSSL_PKEY_PARAM_RSA_D : OSSL_PKEY_PARAM_PRIV_KEY;
+    const std::string mine = pkey::test::bn_param_hex(a, priv);
+    return !mine.empty() && mine == pkey::test::bn_param_hex(b, priv);
+}
+bool same_public(const EVP_PKEY *a, const EVP_PKEY *b) { return EVP_PKEY_eq(a, b) == 1; }
+template <typename Eq>
+bool one_of(const EvpPkeyPtr &got, const Pool &pool, Eq eq) {
+    return got &&
+           std::any_of(pool.begin(), pool.end(), [&](EVP_PKEY *k) { return eq(got.get(), k); });
+}
+// What a lookup gave: nothing, a whole key pair of the pool, or anything else.
+enum Seen { kNothing, kWhole, kDamaged };
+Seen classify(const EvpPkeyPtr &got, const Pool &pool) {
+    return !got ? kNothing : one_of(got, pool, same_pair) ? kWhole : kDamaged;
+}
+EvpPkeyPtr host_key(unsigned int alg) {
+    return EvpPkeyPtr(PKEY_LOCAL_GetLocKey(alg, PKEY_KEY_HOST, ""));
+}
+int save_host(unsigned int alg, EVP_PKEY *key) {
+    return PKEY_LOCAL_SaveLocalKey(alg, PKEY_KEY_HOST, key, "");
+}
+
+// Counters the parent and its children all see; a child writes only its own slots.
+template <typename T>
+T *shared_block() {
+    void *p = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return p == MAP_FAILED ? nullptr : new (p) T();
+}
+template <typename Body>
+pid_t spawn(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
+}
+int exit_code(pid_t pid) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+template <size_t N>
+long sum(const long (&a)[N]) { return std::accumulate(a, a + N, 0L); }
+
+class StressTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        for (int i = 0; i < 3; ++i) {
+            ec.push_back(PKEY_GenerateECKey(NID_X9_62_prime256v1));
+            rsa.push_back(PKEY_GenerateRSAKey(1024));
+        }
+    }
+    static void TearDownTestSuite() {
+        for (Pool *pool : {&ec, &rsa}) {
+            for (EVP_PKEY *k : *pool) EVP_PKEY_free(k);
+            pool->clear();
+        }
+    }
+    std::string mem_file(const char *rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
+    std::string dev_file(const char *rel) const { return store.work_dir(1) + "/" + rel; }
+
+    static inline Pool ec, rsa;  // every key any writer saves comes from here
+    static inline const unsigned int seed = std::random_device{}();
+    pkey::test::TempStore store;
+};
+
+TEST_F(StressTest, ReadersOfAKeyThatTwoWritersKeepReplacingSeeOnlyWholeKeysOfThePool) {
+    struct Counts {
+        std::atomic<int> writers_left{2};
+        long saves[2], save_failures[2], seen[3][2];  // seen[Seen][reader]
+    };
+    Counts *c = shared_block<Counts>();
+    ASSERT_NE(c, nullptr);
+    ASSERT_EQ(save_host(PKEY_ALG_ECDSA, ec[0]), 0);
+    ASSERT_EQ(save_host(PKEY_ALG_RSA, rsa[0]), 0);
+    std::vector<pid_t> kids;
+    for (int w = 0; w < 2; ++w)
+        kids.push_back(spawn([&, w] {
+            std::mt19937 rng(seed + w);
+            for (int i = 0; i < 150; ++i, ++c->saves[w]) {
+                const bool is_ec = rng() % 2 == 0;
+                EVP_PKEY *key = (is_ec ? ec : rsa)[rng() % 3];
+                c->save_failures[w] += save_host(is_ec ? PKEY_ALG_ECDSA : PKEY_ALG_RSA, key) != 0;
+                usleep(200 + rng() % 800);
+            }
+            --c->writers_left;
+            return 0;
+        }));
+    for (int r = 0; r < 2; ++r)
+        kids.push_back(spawn([&, r] {
+            for (long i = 0; c->writers_left > 0 && i < 200000; ++i) {
+                // Both lookup doors on both algorithms.
+                const bool is_ec = i % 2 == 0;
+                EvpPkeyPtr got = i % 4 < 2
+                    ? EvpPkeyPtr(PKEY_GetHostKey(is_ec ? EVP_PKEY_EC : EVP_PKEY_RSA, ""))
+                    : host_key(is_ec ? PKEY_ALG_ECDSA : PKEY_ALG_RSA);
+                ++c->seen[classify(got, is_ec ? ec : rsa)][r];
+            }
+            return 0;
+        }));
+    for (pid_t pid : kids) EXPECT_EQ(exit_code(pid), 0);
+    // With the writers gone both files are whole again.
+    EXPECT_EQ(classify(host_key(PKEY_ALG_ECDSA), ec), kWhole);
+    EXPECT_EQ(classify(host_key(PKEY_ALG_RSA), rsa), kWhole);
+    std::printf("[ counts ] saves %ld (failed %ld); reads %ld: whole %ld, clean failures %ld, "
+                "damaged %ld\n", sum(c->saves), sum(c->save_failures),
+                sum(c->seen[kWhole]) + sum(c->seen[kNothing]) + sum(c->seen[kDamaged]),
+                sum(c->seen[kWhole]), sum(c->seen[kNothing]), sum(c->seen[kDamaged]));
+    EXPECT_EQ(sum(c->save_failures), 0);
+    EXPECT_EQ(sum(c->seen[kDamaged]), 0);
+    munmap(c, sizeof *c);
+}
+
+TEST_F(StressTest, ASaverKilledAtAnyMomentLeavesAWholeKeyOrNoneAndTheNextSaveWorks) {
+    constexpr int kRounds = 30;
+    std::mt19937 rng(seed);
+    int seen[2][3] = {};  // [ecdsa, rsa][Seen]
+    int read_back = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        const pid_t pid = spawn([&] {
+            for (unsigned int i = 0;; ++i)
+                save_host(i % 2 ? PKEY_ALG_RSA : PKEY_ALG_ECDSA, (i % 2 ? rsa : ec)[i / 2 % 3]);
+            return 0;
+        });
+        usleep(rng() % 20001);
+        kill(pid, SIGKILL);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        ++seen[0][classify(host_key(PKEY_ALG_ECDSA), ec)];
+        ++seen[1][classify(host_key(PKEY_ALG_RSA), rsa)];
+        // The kernel dropped the dead saver's locks: the next save goes through.
+        EXPECT_EQ(save_host(PKEY_ALG_ECDSA, ec[round % 3]), 0);
+        EXPECT_EQ(save_host(PKEY_ALG_RSA, rsa[round % 3]), 0);
+        read_back += same_pair(host_key(PKEY_ALG_ECDSA).get(), ec[round % 3]) &&
+                     same_pair(host_key(PKEY_ALG_RSA).get(), rsa[round % 3]);
+    }
+    std::printf("[ counts ] %d kills (seed %u): ecdsa whole %d / nothing %d / damaged %d, "
+                "rsa whole %d / nothing %d / damaged %d; next saves read back %d\n", kRounds, seed,
+                seen[0][kWhole], seen[0][kNothing], seen[0][kDamaged], seen[1][kWhole],
+                seen[1][kNothing], seen[1][kDamaged], read_back);
+    EXPECT_EQ(seen[0][kDamaged] + seen[1][kDamaged], 0);
+    EXPECT_EQ(read_back, kRounds);
+}
+
+TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLastWritten) {
+    constexpr int kProcs = 4, kOwn = 200, kShared = 6;
+    const Pool keys = {ec[0], ec[1], ec[2], rsa[0]};  // one per process
+    struct Counts { long calls[kProcs], wrong[kProcs], found[kProcs], absent[kProcs]; };
+    Counts *c = shared_block<Counts>();
+    ASSERT_NE(c, nullptr);
+    auto shared = [](int s) { return "shared-" + std::to_string(s); };
+    std::vector<pid_t> kids;
+    for (int p = 0; p < kProcs; ++p)
+        kids.push_back(spawn([&, p] {
+            unsigned char *der = nullptr;
+            const int der_len = i2d_PUBKEY(keys[p], &der);
+            std::mt19937 rng(seed + p);
+            auto expect = [&](bool ok) { ++c->calls[p], c->wrong[p] += !ok; };
+            auto save = [&](const std::string &n) {
+                expect(PKEY_PEER_SavePeerPubKey(der, unsigned(der_len), n.c_str()) == 0);
+            };
+            enum { kRemoved, kMissing, kEither };
+            auto remove = [&](const std::string &n, int want) {
+                const unsigned int r = PKEY_PEER_RemovePeerPubKeyByName(n.c_str());
+                expect((r == 0 && want != kMissing) ||
+                       (r == DBM_ERR_NOT_FOUND && want != kRemoved));
+            };
+            for (int i = 0; i < kOwn; ++i) {
+                const std::string own = "p" + std::to_string(p) + "-" + std::to_string(i);
+                save(own);
+                if (i % 2 == 1) remove(own, kRemoved);
+                expect(i % 2 == 0 ? one_of(EvpPkeyPtr(PKEY_GetUserKeyByName(own.c_str())),
+                                           {keys[p]}, same_public)
+                                  : PKEY_GetUserKeyByName(own.c_str()) == nullptr);
+                remove(own + "-never", kMissing);
+                // A shared name: saved, removed or read by anyone at any time.
+                const std::string name = shared(static_cast<int>(rng() % kShared));
+                if (const unsigned int op = rng() % 3; op == 0) {
+                    save(name);
+                } else if (op == 1) {
+                    remove(name, kEither);
+                } else {
+                    EvpPkeyPtr k(PKEY_GetUserKeyByName(name.c_str()));
+                    ++(k ? c->found : c->absent)[p];
+                    expect(!k || one_of(k, keys, same_public));
+                }
+            }
+            // Every process's last word: the first half saved, the second half removed.
+            for (int s = 0; s < kShared; ++s)
+                s < kShared / 2 ? save(shared(s)) : remove(shared(s), kEither);
+            OPENSSL_free(der);
+            return 0;
+        }));
+    for (pid_t pid : kids) EXPECT_EQ(exit_code(pid), 0);
+
+    std::vector<std::string> expected, listed;
+    for (int p = 0; p < kProcs; ++p)
+        for (int i = 0; i < kOwn; i += 2)
+            expected.push_back("p" + std::to_string(p) + "-" + std::to_string(i));
+    for (int s = 0; s < kShared / 2; ++s) {
+        expected.push_back(shared(s));
+        EvpPkeyPtr k(PKEY_GetUserKeyByName(shared(s).c_str()));
+        EXPECT_TRUE(one_of(k, keys, same_public)) << shared(s);
+    }
+    std::sort(expected.begin(), expected.end());
+    const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_READ);
+    unsigned int count = 0;
+    PKEY_NAME_LINK_S *head = PKEY_CFGMNG_GetSortedPeerKeyNameList(h, &count);
+    DBM_Close(h);
+    for (PKEY_NAME_LINK_S *l = head ? head->pstNext : nullptr; l && l != head; l = l->pstNext)
+        listed.push_back(reinterpret_cast<PKEY_NAME_NODE_S *>(l)->szName);
+    PKEY_CFGMNG_DestroySortedPeerKeyNameList(head);
+    EXPECT_EQ(listed, expected);  // nothing lost, nothing left behind
+    EXPECT_EQ(sum(c->wrong), 0);
+    std::printf("[ counts ] %d processes: %ld checked calls, %ld unexpected results; shared names "
+                "read %ld found / %ld absent; %zu records at the end\n", kProcs, sum(c->calls),
+                sum(c->wrong), sum(c->found), sum(c->absent), listed.size());
+    munmap(c, sizeof *c);
+}
+
+TEST_F(StressTest, EverySingleBitFlipOutsideKindAndNameMakesTheLookupFail) {
+    EvpPkeyPtr dsa(PKEY_GenerateDSAKey(1024)), rsa2048(PKEY_GenerateRSAKey(2048));
+    struct Row { unsigned int alg; EVP_PKEY *key; const char *file; size_t sample; };
+    const Row rows[] = {{PKEY_ALG_ECDSA, ec[0], "ecdsakey", 0},
+                        {PKEY_ALG_DSA, dsa.get(), "dsakey", 0},
+                        {PKEY_ALG_RSA, rsa2048.get(), "hostkey", 2000}};
+    std::mt19937 rng(seed);
+    for (const Row &row : rows) {
+        ASSERT_EQ(save_host(row.alg, row.key), 0);
+        const std::string path = mem_file(row.file);
+        const Bytes good = file_bytes(path);
+        std::vector<size_t> bits;  // every bit outside bytes 8..73, or a random sample of them
+        for (size_t b = 0; b < good.size() * 8; ++b)
+            if (b / 8 < 8 || b / 8 > 73) bits.push_back(b);
+        if (row.sample != 0) {
+            std::shuffle(bits.begin(), bits.end(), rng);
+            bits.resize(std::min(bits.size(), row.sample));
+        }
+        size_t refused = 0;
+        for (size_t b : bits) {
+            Bytes bad = good;
+            bad[b / 8] ^= static_cast<unsigned char>(1u << (b % 8));
+            write_bytes(path, bad);
+            const bool read = host_key(row.alg) != nullptr;
+            refused += !read;
+            EXPECT_FALSE(read) << row.file << " byte " << b / 8 << " bit " << b % 8;
+        }
+        // Kind and name are outside the digest: a changed bit there still reads.
+        size_t still_read = 0;
+        for (size_t byte : {8u, 9u, 40u, 73u}) {
+            Bytes odd = good;
+            odd[byte] ^= 0x01;
+            write_bytes(path, odd);
+            still_read += same_pair(host_key(row.alg).get(), row.key);
+        }
+        EXPECT_EQ(still_read, 4u) << row.file;
+        write_bytes(path, good);
+        EXPECT_TRUE(same_pair(host_key(row.alg).get(), row.key));
+        std::printf("[ counts ] %s: %zu-byte file, %zu bits flipped, %zu lookups refused; %zu of 4 "
+                    "kind/name flips still read\n", row.file, good.size(), bits.size(), refused,
+                    still_read);
+    }
+}
+
+TEST_F(StressTest, SavedKeyFilesAndDirectoriesHaveTheirModesAndPlantedLinksAreNeverFollowed) {
+    ASSERT_EQ(save_host(PKEY_ALG_ECDSA, ec[0]), 0);
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa[0], "perm-1"), 0);
+    for (const std::string &file : {dev_file("ecdsakey"), mem_file("ecdsakey"),
+                                    dev_file("pkey/rsa/perm-1.key"), mem_file("rsa/perm-1.key")})
+        EXPECT_EQ(mode_of(file), 0660u) << file;
+    for (const std::string &dir : {dev_file("pkey"), dev_file("pkey/rsa"), mem_file(""),
+                                   mem_file("rsa")})
+        EXPECT_EQ(mode_of(dir), 0770u) << dir;
+
+    // The link target holds a valid image of another key, so following it would show.
+    ASSERT_EQ(save_host(PKEY_ALG_RSA, rsa[1]), 0);
+    const Bytes other = file_bytes(mem_file("hostkey"));
+    const std::string target = store.root() + "/outside";
+    write_bytes(target, other);
+    for (const std::string &link : {dev_file("hostkey"), mem_file("hostkey")}) {
+        ASSERT_EQ(save_host(PKEY_ALG_RSA, rsa[0]), 0);
+        fsys::remove(link);
+        fsys::create_symlink(target, link);
+        // Only the memory copy is read: a link there reads as no key; one in flash changes nothing.
+        EvpPkeyPtr seen = host_key(PKEY_ALG_RSA);
+        EXPECT_TRUE(link == mem_file("hostkey") ? !seen : same_pair(seen.get(), rsa[0])) << link;
+        // The save fails at the link and takes the other copy with it; the target stays.
+        EXPECT_NE(save_host(PKEY_ALG_RSA, rsa[2]), 0) << link;
+        EXPECT_EQ(file_bytes(target), other) << link;
+        EXPECT_EQ(host_key(PKEY_ALG_RSA), nullptr) << link;
+        fsys::remove(link);
+    }
+    std::printf("[ counts ] 4 key files 0660, 4 key directories 0770, 2 planted links refused\n");
+}
+
+}  // namespace
