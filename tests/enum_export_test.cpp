@@ -24,28 +24,20 @@
 #include "pkey_pubkey.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
+
+using pkey::test::exit_code;
+using pkey::test::get;
+using pkey::test::put;
+using pkey::test::run;
+using pkey::test::spawn;
 
 namespace fsys = std::filesystem;
 using pkey::EvpPkeyPtr;
 using pkey::MallocPtr;
 
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-void spit(const std::string &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-// Standard output of a shell command; "" when it fails.
-std::string run(const std::string &command) {
-    std::string out;
-    FILE *pipe = popen((command + " 2>/dev/null").c_str(), "r");
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
-    return pclose(pipe) == 0 ? out : "";
-}
 std::string first_fields(const std::string &line, int n) {
     std::istringstream in(line);
     std::string word, out;
@@ -104,8 +96,8 @@ TEST_F(LocalKeysTest, RsaEnumerationGivesHostThenServerThenTheDirectory) {
     ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa, "a"), 0);
     const std::string long_name(64, 'L');
     ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa, long_name.c_str()), 0);
-    spit(mem("rsa/notes.txt"), "not a key");
-    spit(mem("rsa/.key"), "");  // names the default host key a second time
+    put(mem("rsa/notes.txt"), "not a key");
+    put(mem("rsa/.key"), "");  // names the default host key a second time
     std::vector<std::string> order;
     const auto seen = enumerate(PKEY_ALG_RSA, &order);
     ASSERT_GE(order.size(), 2u);
@@ -191,7 +183,7 @@ TEST_F(LocalKeysTest, ExportPrintsWithAnExtraLineBreakOrWritesTheTextAlone) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), text + "\r\n");
     const std::string file = store.root() + "/out/key.pub";
     ASSERT_EQ(PKEY_LOCAL_ExportPubKey(PKEY_ALG_ECDSA, "", PKEY_EXPORT_OPENSSH, file.c_str()), 0);
-    EXPECT_EQ(slurp(file), text);
+    EXPECT_EQ(get(file), text);
 }
 
 // Every export a real tool can read gives the fingerprint ssh-keygen computes
@@ -220,15 +212,15 @@ TEST_F(LocalKeysTest, SshKeygenReadsTheExportsAsTheSameKeys) {
         chmod(pem.c_str(), 0600);
         const std::string reference = run("ssh-keygen -y -f " + pem);
         ASSERT_FALSE(reference.empty()) << k.label;
-        spit(dir + k.label + ".ref.pub", reference);
+        put(dir + k.label + ".ref.pub", reference);
         const std::string fingerprint = first_fields(run("ssh-keygen -l -f " + dir + k.label + ".ref.pub"), 2);
 
-        spit(dir + k.label + ".openssh", text_of(k.alg, PKEY_EXPORT_OPENSSH, k.label));
+        put(dir + k.label + ".openssh", text_of(k.alg, PKEY_EXPORT_OPENSSH, k.label));
         EXPECT_EQ(first_fields(run("ssh-keygen -l -f " + dir + k.label + ".openssh"), 2), fingerprint)
             << k.label;
 
         const std::string ssh2 = text_of(k.alg, PKEY_EXPORT_SSH2, k.label);
-        spit(dir + k.label + ".ssh2", ssh2);
+        put(dir + k.label + ".ssh2", ssh2);
         const std::string converted = run("ssh-keygen -i -m RFC4716 -f " + dir + k.label + ".ssh2");
         if (std::string(k.label) == "dsa2048") {
             // Its one-line body is longer than ssh-keygen's 1023-character lines;

@@ -14,20 +14,19 @@
 
 #include "pkey_fs.h"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
+
+using pkey::test::exit_code;
+using pkey::test::get;
+using pkey::test::put;
+using pkey::test::run;
+using pkey::test::spawn;
 
 namespace fsys = std::filesystem;
 constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 
-void put(const std::string &file, const std::string &content) {
-    fsys::create_directories(fsys::path(file).parent_path());
-    std::ofstream(file, std::ios::binary) << content;
-}
-std::string get(const std::string &file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 // Reads through the library; "<null>" when it refuses.
 std::string read_vfs(const std::string &file) {
     unsigned int len = 0;
@@ -43,18 +42,6 @@ mode_t mode_of(const std::string &p) {
     struct stat st {};
     stat(p.c_str(), &st);
     return st.st_mode & 07777;
-}
-// Runs body in a child process; exit_code waits for it.
-template <typename Body>
-pid_t spawn(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    return pid;
-}
-int exit_code(pid_t pid) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class FsFileTest : public ::testing::Test {

@@ -11,21 +11,19 @@
 #include "pkey_cfgmng.h"
 #include "pkey_fs.h"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
+
+using pkey::test::exit_code;
+using pkey::test::get;
+using pkey::test::put;
+using pkey::test::run;
+using pkey::test::spawn;
 
 namespace fsys = std::filesystem;
 using Tree = std::map<std::string, std::string>;  // relative path -> content
 
-void put(const std::string &file, const std::string &content) {
-    fsys::create_directories(fsys::path(file).parent_path());
-    std::ofstream(file, std::ios::binary) << content;
-}
-
-std::string get(const std::string &file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // Every regular file below dir with its content; empty for a missing dir.
 Tree tree(const std::string &dir) {

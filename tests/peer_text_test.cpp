@@ -19,8 +19,15 @@
 #include "pkey_pubkey.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
+
+using pkey::test::exit_code;
+using pkey::test::get;
+using pkey::test::put;
+using pkey::test::run;
+using pkey::test::spawn;
 
 using pkey::EvpPkeyPtr;
 using pkey::MallocPtr;
@@ -41,18 +48,6 @@ std::string preproc(const std::string &text) {
     MallocPtr<char> exact(strdup(text.c_str()));
     const char *inner = PKEY_PEER_PeerPubKeyPreProc(exact.get());
     return inner != nullptr ? inner : "<null>";
-}
-// Standard output of a shell command; "" when it fails.
-std::string run(const std::string &command) {
-    std::string out;
-    FILE *pipe = popen((command + " 2>/dev/null").c_str(), "r");
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
-    return pclose(pipe) == 0 ? out : "";
-}
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 std::string replace_all(std::string s, const std::string &from, const std::string &to) {
     for (size_t at = 0; (at = s.find(from, at)) != std::string::npos; at += to.size())
@@ -106,7 +101,7 @@ TEST_F(PeerText, EveryFormOfRealToolsReadsToTheKeyItWasMadeFrom) {
         ASSERT_NE(ssh2.find("Comment:"), std::string::npos);
         ASSERT_NE(putty2.find("Comment:"), std::string::npos);
         const struct { const char *what; Form form; std::string text; } forms[] = {
-            {"ssh-keygen line", Form::kOpenSsh, slurp(priv + ".pub")},
+            {"ssh-keygen line", Form::kOpenSsh, get(priv + ".pub")},
             {"puttygen line", Form::kOpenSsh, run("puttygen " + priv + " -O public-openssh")},
             {"ssh-keygen block", Form::kSsh2, ssh2},
             {"ssh-keygen block, CR LF", Form::kSsh2, replace_all(ssh2, "\n", "\r\n")},

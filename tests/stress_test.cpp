@@ -28,8 +28,15 @@
 #include "pkey_platform.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
+
+using pkey::test::exit_code;
+using pkey::test::get;
+using pkey::test::put;
+using pkey::test::run;
+using pkey::test::spawn;
 
 namespace fsys = std::filesystem;
 using pkey::EvpPkeyPtr;
@@ -78,17 +85,6 @@ template <typename T>
 T *shared_block() {
     void *p = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     return p == MAP_FAILED ? nullptr : new (p) T();
-}
-template <typename Body>
-pid_t spawn(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    return pid;
-}
-int exit_code(pid_t pid) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 template <size_t N>
 long sum(const long (&a)[N]) { return std::accumulate(a, a + N, 0L); }
