@@ -121,9 +121,9 @@ bool create_key_file(const std::string &root, const std::string &path, SecureBuf
 // The device key of the current store, loaded or made on first use. Caller
 // holds g_key_mutex; NULL when there is no usable key.
 const unsigned char *device_key_locked() {
+    if (g_key.key && g_key.generation == current_generation()) return g_key.key.data();
     StoreRef store = current_store();
     if (store.root.empty()) return nullptr;
-    if (g_key.key && g_key.generation == store.generation) return g_key.key.data();
     g_key.key.reset();
     const std::string path = store.root + "/device.key";
     SecureBuffer key;

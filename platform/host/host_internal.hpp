@@ -39,6 +39,13 @@ struct StoreRef {
 
 // The store in use. Opens $PKEY_ROOT (or ./pkey-store) when HOST_Open was never called.
 StoreRef current_store();
+// Just its generation (0: no store), for caches that only need to know the
+// root has not changed; it copies nothing.
+std::uint64_t current_generation();
+
+// This process's id, kept up to date across fork() without a system call on
+// every use: caches compare it to notice they were inherited from a parent.
+int process_id() noexcept;
 
 // Cache drops run by HOST_Open after switching roots, so secrets and open
 // files of the old store go at once rather than at the next call.

@@ -152,12 +152,12 @@ bool map_settings(const std::string &root, SettingsMap &out) {
 // child shares with its parent). Caller holds g_settings_mutex. NULL when the
 // settings cannot be mapped.
 SettingsLayout *settings_locked() {
-    StoreRef store = current_store();
-    if (store.root.empty()) return nullptr;
-    const pid_t pid = ::getpid();
-    if (g_settings.map != nullptr && g_settings.generation == store.generation &&
+    const pid_t pid = process_id();
+    if (g_settings.map != nullptr && g_settings.generation == current_generation() &&
         g_settings.pid == pid)
         return g_settings.map;
+    StoreRef store = current_store();
+    if (store.root.empty()) return nullptr;
     g_settings.reset();
     if (!map_settings(store.root, g_settings)) return nullptr;
     g_settings.generation = store.generation;

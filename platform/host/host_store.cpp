@@ -1,8 +1,10 @@
 // host_store.cpp - the store root of the host platform and HOST_Open.
 
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -19,6 +21,10 @@ namespace {
 std::mutex g_store_mutex;
 std::string g_root;             // guarded by g_store_mutex
 std::uint64_t g_generation = 0;  // bumped at every successful switch of root
+std::atomic<std::uint64_t> g_published_generation{0};  // g_generation, readable without the mutex
+
+std::atomic<pid_t> g_pid{0};
+void refresh_pid_in_child() noexcept { g_pid.store(::getpid(), std::memory_order_relaxed); }
 
 // mkdir -p with mode 0770 for every directory it has to create.
 bool make_dirs(const std::string &path) {
@@ -54,10 +60,26 @@ StoreRef current_store() {
         std::string root = prepare_root(env != nullptr && *env != '\0' ? env : "./pkey-store");
         if (!root.empty()) {
             g_root = std::move(root);
-            ++g_generation;
+            g_published_generation.store(++g_generation, std::memory_order_release);
         }
     }
     return StoreRef{g_root, g_generation};
+}
+
+std::uint64_t current_generation() {
+    const std::uint64_t generation = g_published_generation.load(std::memory_order_acquire);
+    return generation != 0 ? generation : current_store().generation;
+}
+
+int process_id() noexcept {
+    pid_t pid = g_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static std::once_flag registered;
+        std::call_once(registered, [] { (void)::pthread_atfork(nullptr, nullptr, refresh_pid_in_child); });
+        pid = ::getpid();
+        g_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
 }
 
 std::string node_path(std::string_view root, unsigned int node, std::string_view leaf) {
@@ -77,7 +99,7 @@ extern "C" int HOST_Open(const char *root) {
         {
             std::lock_guard lock(g_store_mutex);
             g_root = std::move(real);
-            ++g_generation;
+            g_published_generation.store(++g_generation, std::memory_order_release);
         }
         settings_drop();
         cipher_drop();
