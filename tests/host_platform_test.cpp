@@ -18,6 +18,7 @@
 #include "host_platform.h"
 #include "pkey_platform.h"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
 
@@ -419,6 +420,22 @@ TEST_F(HostDbmTest, ConcurrentWritersInSeveralProcessesLoseNothing) {
     EXPECT_EQ(DBM_GetKeyNumByValueType(h, 1), 2u * kPerChild);
     for (int c = 0; c < 2; ++c)
         for (int i = 0; i < kPerChild; i += 97) EXPECT_EQ(get(h, key(c, i)), key(c, i) + "-value");
+}
+
+TEST_F(HostDbmTest, ABatchOfWritesIsSeenByOtherProcessesWhenItsHandleCloses) {
+    const int h = db_open(kWrite | kDelete);
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(set(h, "k" + std::to_string(i), "v"), 0);
+    ASSERT_EQ(del(h, "k0"), 0);
+    const auto count_elsewhere = [] {
+        return pkey::test::exit_code(pkey::test::spawn([] {
+            return static_cast<int>(DBM_GetKeyNumByValueType(db_open(kRead), 1));
+        }));
+    };
+    // Readers elsewhere are not held up by the open batch, and never see half of it.
+    EXPECT_LE(count_elsewhere(), 1);
+    EXPECT_EQ(get(db_open(kRead), "k99"), "v");  // this process sees its own writes at once
+    ASSERT_EQ(DBM_Close(h), 0);
+    EXPECT_EQ(count_elsewhere(), 99);
 }
 
 TEST_F(HostDbmTest, ListingManyKeysGivesThemAllInTableOrder) {
