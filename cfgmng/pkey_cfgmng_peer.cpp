@@ -1,8 +1,7 @@
 // The peer key store: peer public keys by name in the configuration database
 // "PKEY", the name listings, and the FIPS purge.
-#include <openssl/x509.h>
-
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
@@ -12,6 +11,7 @@
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
+#include "pubkey/pkey_der.hpp"
 
 namespace {
 
@@ -55,6 +55,22 @@ unsigned char *_cfgmng_GetPeerPubKeyValue(int handle, const char *name, unsigned
 }
 
 void _cfgmng_FreePeerKeyNameNode(PKEY_NAME_NODE_S *node) { std::free(node); }
+
+// A name's place in byte order: its first 16 bytes as two big-endian numbers
+// (the slot is zero-padded, so a shorter name compares low, as in strcmp),
+// and the slot for the rare tie between longer names. Sorting these keeps
+// the comparisons in one small array instead of chasing every name.
+struct SortKey {
+    std::uint64_t high = 0;
+    std::uint64_t low = 0;
+    unsigned int index = 0;
+};
+
+std::uint64_t load_be64(const char *p) noexcept {
+    std::uint64_t v = 0;
+    for (int i = 0; i < 8; ++i) v = (v << 8) | static_cast<unsigned char>(p[i]);
+    return v;
+}
 
 // Releases the key texts of a listing whatever happens to the entries.
 struct IteratorGuard {
@@ -141,16 +157,27 @@ PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle, unsigned int 
         const auto slot = [&](unsigned int i) {
             return table.get() + static_cast<size_t>(i) * PKEY_CFGMNG_NAME_SLOT;
         };
-        // Ascending byte order; a stable sort keeps equal names in table order.
-        std::vector<unsigned int> order(names);
-        std::iota(order.begin(), order.end(), 0u);
-        std::stable_sort(order.begin(), order.end(), [&](unsigned int a, unsigned int b) {
-            return std::strcmp(slot(a), slot(b)) < 0;
+        // Ascending byte order; equal names keep their table order.
+        std::vector<SortKey> order(names);
+        for (unsigned int i = 0; i < names; ++i)
+            order[i] = SortKey{load_be64(slot(i)), load_be64(slot(i) + 8), i};
+        std::sort(order.begin(), order.end(), [&](const SortKey &a, const SortKey &b) {
+            if (a.high != b.high) return a.high < b.high;
+            if (a.low != b.low) return a.low < b.low;
+            // Equal first 16 bytes: a name that ends within them equals the other.
+            if (slot(a.index)[15] != '\0') {
+                const int c = std::strcmp(slot(a.index) + 16, slot(b.index) + 16);
+                if (c != 0) return c < 0;
+            }
+            return a.index < b.index;
         });
-        for (unsigned int i : order) {
+        for (const SortKey &key : order) {
+            const unsigned int i = key.index;
             auto *node = static_cast<PKEY_NAME_NODE_S *>(std::malloc(sizeof(PKEY_NAME_NODE_S)));
             if (node == nullptr) return false;
-            strlcpy(node->szName, slot(i), sizeof node->szName);
+            // Slots and names have the same size and the slot is zero-padded.
+            static_assert(sizeof node->szName == PKEY_CFGMNG_NAME_SLOT);
+            std::memcpy(node->szName, slot(i), sizeof node->szName);
             node->stLink.pstNext = head;
             node->stLink.pstPrev = head->pstPrev;
             head->pstPrev->pstNext = &node->stLink;
@@ -189,8 +216,7 @@ void PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey(void) {
         unsigned int len = 0;
         pkey::MallocPtr<unsigned char> value(_cfgmng_GetPeerPubKeyValue(db.get(), name, &len));
         if (!value || len == 0) continue;
-        const unsigned char *p = value.get();
-        pkey::EvpPkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(len)));
+        const pkey::EvpPkeyPtr key = pkey::der::decode_public_key({value.get(), len}).key;
         // A value that does not decode is kept: only a key can be judged.
         if (key && PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()) != 1)
             (void)DBM_DeleteKey(db.get(), name, name_len(name));

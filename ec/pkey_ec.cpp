@@ -21,6 +21,7 @@
 #include "ec/pkey_ec_curve.hpp"
 #include "pkey_ec.h"
 #include "pkey_util.hpp"
+#include "pubkey/pkey_der.hpp"
 #include "pubkey/pkey_pubkey_internal.hpp"
 
 namespace {
@@ -185,17 +186,8 @@ EvpPkeyPtr public_key_of(int nid, const EC_GROUP *group, const EC_POINT *point) 
     const std::size_t len =
         EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets, sizeof octets,
                            nullptr);
-    const char *groupName = OBJ_nid2sn(nid);
-    if (len == 0 || groupName == nullptr) return nullptr;
-
-    OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
-                                         const_cast<char *>(groupName), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, octets, len),
-        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
-                                         const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP), 0),
-        OSSL_PARAM_construct_end()};
-    return pkey::key_from_params("EC", EVP_PKEY_PUBLIC_KEY, params);
+    if (len == 0) return nullptr;
+    return pkey::der::ec_public_key(nid, {octets, len});
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
+#include "pubkey/pkey_der.hpp"
 
 namespace {
 
@@ -31,6 +32,7 @@ struct Der {
     pkey::OpensslPtr<> bytes;
     int len = 0;
     explicit Der(EVP_PKEY *key) noexcept {
+        if (key == nullptr) return;
         unsigned char *out = nullptr;
         len = i2d_PUBKEY(key, &out);
         bytes.reset(out);
@@ -85,8 +87,8 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
         const unsigned int count = PKEY_HexStringToHexData(key_code, work);
         if (count == 0) return PKEY_ERR_FAILED;
 
-        const unsigned char *p = work;
-        EvpPkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(count)));
+        pkey::der::SpkiResult decoded = pkey::der::decode_public_key({work, count});
+        EvpPkeyPtr &key = decoded.key;
         if (!key) {
             print_message(PKEY_MSG_INVALID_KEY_CODE);
             return PKEY_ERR_FAILED;
@@ -97,9 +99,10 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
             return PKEY_ERR_FAILED;
         }
         // The re-encoding is what gets stored; a different length means the
-        // key code carried bytes that are not part of the key.
-        const Der der(key.get());
-        if (!der.ok() || static_cast<unsigned int>(der.len) != count) {
+        // key code carried bytes that are not part of the key. A canonical
+        // key code is its own re-encoding.
+        const Der der(decoded.canonical ? nullptr : key.get());
+        if (!decoded.canonical && (!der.ok() || static_cast<unsigned int>(der.len) != count)) {
             print_message(PKEY_MSG_INVALID_KEY_CODE);
             return PKEY_ERR_FAILED;
         }
@@ -108,7 +111,10 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
         std::memcpy(stored_name, name, name_len);
         stored_name[name_len] = '\0';
         const unsigned int r =
-            PKEY_PEER_SavePeerPubKey(der.bytes.get(), static_cast<unsigned int>(der.len), stored_name);
+            decoded.canonical
+                ? PKEY_PEER_SavePeerPubKey(work, count, stored_name)
+                : PKEY_PEER_SavePeerPubKey(der.bytes.get(), static_cast<unsigned int>(der.len),
+                                           stored_name);
         if (r != 0) print_message(PKEY_MSG_SAVE_FAILED);
         return r;
     });
@@ -119,8 +125,7 @@ EVP_PKEY *PKEY_GetUserKeyByName(const char *name) {
     unsigned int len = 0;
     pkey::MallocPtr<unsigned char> value(PKEY_CFGMNG_GetPeerPubKeyValue(name, &len));
     if (!value) return nullptr;
-    const unsigned char *p = value.get();
-    return d2i_PUBKEY(nullptr, &p, static_cast<long>(len));
+    return pkey::der::decode_public_key({value.get(), len}).key.release();
 }
 
 unsigned int PKEY_IsPeerPubKeyExisted(const char *name) {

@@ -20,6 +20,7 @@
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
+#include "pubkey/pkey_der.hpp"
 
 namespace {
 
@@ -363,8 +364,7 @@ EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned ch
             case PKEY_ALG_ECDSA: {
                 const std::size_t derLen = der_sequence_length(in);
                 if (derLen == 0) return nullptr;
-                const unsigned char *der = in.position();
-                return d2i_PrivateKey(EVP_PKEY_EC, nullptr, &der, static_cast<long>(derLen));
+                return pkey::der::decode_ec_private_key({in.position(), derLen}).release();
             }
             case PKEY_ALG_RSA: return key_from_components("RSA", kRsaComponents, in).release();
             case PKEY_ALG_DSA: return key_from_components("DSA", kDsaComponents, in).release();

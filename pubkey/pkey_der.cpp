@@ -1,0 +1,291 @@
+// Fast decoding of the library's canonical DER key forms, with OpenSSL's
+// decoders behind them for everything else.
+#include "pubkey/pkey_der.hpp"
+
+#include <openssl/core_names.h>
+#include <openssl/param_build.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstring>
+
+namespace pkey::der {
+namespace {
+
+constexpr std::uint8_t kInteger = 0x02;
+constexpr std::uint8_t kBitString = 0x03;
+constexpr std::uint8_t kOctetString = 0x04;
+constexpr std::uint8_t kNull = 0x05;
+constexpr std::uint8_t kOid = 0x06;
+constexpr std::uint8_t kSequence = 0x30;
+constexpr std::uint8_t kExplicit0 = 0xA0;
+constexpr std::uint8_t kExplicit1 = 0xA1;
+
+using Bytes = std::span<const unsigned char>;
+
+// Strict DER over the bounds-checked reader: the expected tag, a definite
+// length in its shortest form, contents that fit. A failed read consumes nothing.
+class DerReader {
+public:
+    explicit DerReader(Bytes bytes) noexcept : in_(bytes) {}
+
+    bool read(std::uint8_t tag, Bytes &contents) noexcept {
+        ByteReader r = in_;
+        std::uint8_t got = 0, first = 0;
+        if (!r.read_u8(got) || got != tag || !r.read_u8(first)) return false;
+        std::size_t len = first;
+        if (first & 0x80) {
+            const unsigned int octets = first & 0x7F;
+            if (octets == 0 || octets > 4) return false;
+            len = 0;
+            for (unsigned int i = 0; i < octets; ++i) {
+                std::uint8_t b = 0;
+                if (!r.read_u8(b) || (i == 0 && b == 0)) return false;
+                len = (len << 8) | b;
+            }
+            if (len < 0x80) return false;
+        }
+        if (!r.read_bytes(len, contents)) return false;
+        in_ = r;
+        return true;
+    }
+
+    // A positive INTEGER in its shortest form, as a magnitude without sign byte.
+    bool read_positive_integer(Bytes &magnitude) noexcept {
+        Bytes c;
+        if (!read(kInteger, c) || c.empty() || (c[0] & 0x80) != 0) return false;
+        if (c[0] == 0) {
+            if (c.size() < 2 || (c[1] & 0x80) == 0) return false;
+            c = c.subspan(1);
+        }
+        magnitude = c;
+        return true;
+    }
+
+    // A BIT STRING without unused bits: its bytes.
+    bool read_octet_aligned_bits(Bytes &bits) noexcept {
+        Bytes c;
+        if (!read(kBitString, c) || c.empty() || c[0] != 0) return false;
+        bits = c.subspan(1);
+        return true;
+    }
+
+    bool read_expected(std::uint8_t tag, Bytes expected) noexcept {
+        ByteReader saved = in_;
+        Bytes c;
+        if (read(tag, c) && c.size() == expected.size() &&
+            std::equal(c.begin(), c.end(), expected.begin()))
+            return true;
+        in_ = saved;
+        return false;
+    }
+
+    bool empty() const noexcept { return in_.empty(); }
+    std::size_t consumed_from(Bytes whole) const noexcept { return whole.size() - in_.remaining(); }
+
+private:
+    ByteReader in_;
+};
+
+constexpr unsigned char kRsaOid[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
+constexpr unsigned char kDsaOid[] = {0x2A, 0x86, 0x48, 0xCE, 0x38, 0x04, 0x01};
+constexpr unsigned char kEcOid[] = {0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02, 0x01};
+
+struct NamedCurve {
+    Bytes oid;
+    const char *name;
+    std::size_t field_bytes;
+    int nid;
+};
+
+constexpr unsigned char kP192[] = {0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x01};
+constexpr unsigned char kP224[] = {0x2B, 0x81, 0x04, 0x00, 0x21};
+constexpr unsigned char kP256[] = {0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+constexpr unsigned char kP384[] = {0x2B, 0x81, 0x04, 0x00, 0x22};
+constexpr unsigned char kP521[] = {0x2B, 0x81, 0x04, 0x00, 0x23};
+
+const std::array<NamedCurve, 5> kCurves{{
+    {kP192, SN_X9_62_prime192v1, 24, NID_X9_62_prime192v1},
+    {kP224, SN_secp224r1, 28, NID_secp224r1},
+    {kP256, SN_X9_62_prime256v1, 32, NID_X9_62_prime256v1},
+    {kP384, SN_secp384r1, 48, NID_secp384r1},
+    {kP521, SN_secp521r1, 66, NID_secp521r1},
+}};
+
+const NamedCurve *find_curve(Bytes oid) noexcept {
+    for (const NamedCurve &c : kCurves)
+        if (oid.size() == c.oid.size() && std::equal(oid.begin(), oid.end(), c.oid.begin())) return &c;
+    return nullptr;
+}
+
+// An uncompressed point of the curve: 0x04, X, Y.
+bool uncompressed_point(Bytes point, const NamedCurve &curve) noexcept {
+    return point.size() == 1 + 2 * curve.field_bytes && point[0] == 0x04;
+}
+
+BignumPtr bignum(Bytes magnitude, bool secret) noexcept {
+    BignumPtr bn(secret ? BN_secure_new() : BN_new());
+    if (!bn || magnitude.size() > static_cast<std::size_t>(INT32_MAX) ||
+        BN_bin2bn(magnitude.data(), static_cast<int>(magnitude.size()), bn.get()) == nullptr)
+        return nullptr;
+    return bn;
+}
+
+// A key of type from named numbers; NULL when OpenSSL refuses them.
+template <std::size_t N>
+EvpPkeyPtr key_from_numbers(const char *type, int selection, const std::array<const char *, N> &names,
+                            const std::array<Bytes, N> &values) noexcept {
+    ParamBldPtr bld(OSSL_PARAM_BLD_new());
+    std::array<BignumPtr, N> bns;
+    if (!bld) return nullptr;
+    for (std::size_t i = 0; i < N; ++i) {
+        bns[i] = bignum(values[i], false);
+        if (!bns[i] || OSSL_PARAM_BLD_push_BN(bld.get(), names[i], bns[i].get()) != 1) return nullptr;
+    }
+    return key_from_builder(type, selection, bld.get());
+}
+
+// Per curve, a key holding only the curve, made once. Copying it costs a
+// third of building a key from the curve's name, which sets up the curve anew.
+const EVP_PKEY *curve_template(std::size_t index) noexcept {
+    static const std::array<EVP_PKEY *, kCurves.size()> templates = [] {
+        std::array<EVP_PKEY *, kCurves.size()> made{};
+        for (std::size_t i = 0; i < kCurves.size(); ++i) {
+            OSSL_PARAM params[] = {
+                OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
+                                                 const_cast<char *>(kCurves[i].name), 0),
+                OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
+                                                 const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP), 0),
+                OSSL_PARAM_construct_end()};
+            made[i] = key_from_params("EC", EVP_PKEY_KEY_PARAMETERS, params).release();
+        }
+        return made;
+    }();
+    return templates[index];
+}
+
+EvpPkeyPtr public_key_on(std::size_t curve_index, Bytes point) noexcept {
+    const EVP_PKEY *tmpl = curve_template(curve_index);
+    EvpPkeyPtr key(tmpl != nullptr ? EVP_PKEY_dup(const_cast<EVP_PKEY *>(tmpl)) : nullptr);
+    // Setting the point decodes it and checks that it lies on the curve.
+    if (key && EVP_PKEY_set1_encoded_public_key(key.get(), point.data(), point.size()) == 1)
+        return key;
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
+                                         const_cast<char *>(kCurves[curve_index].name), 0),
+        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY,
+                                          const_cast<unsigned char *>(point.data()), point.size()),
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
+                                         const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP), 0),
+        OSSL_PARAM_construct_end()};
+    return key_from_params("EC", EVP_PKEY_PUBLIC_KEY, params);
+}
+
+// The canonical SubjectPublicKeyInfo forms; NULL for anything else.
+EvpPkeyPtr fast_public_key(Bytes der) noexcept {
+    DerReader outer(der);
+    Bytes spki, algorithm, bits;
+    if (!outer.read(kSequence, spki) || !outer.empty()) return nullptr;
+    DerReader body(spki);
+    if (!body.read(kSequence, algorithm) || !body.read_octet_aligned_bits(bits) || !body.empty())
+        return nullptr;
+
+    DerReader alg(algorithm);
+    Bytes key_bytes;
+    if (alg.read_expected(kOid, kRsaOid)) {
+        Bytes null_params, n, e;
+        DerReader key(bits);
+        if (!alg.read(kNull, null_params) || !null_params.empty() || !alg.empty() ||
+            !key.read(kSequence, key_bytes) || !key.empty())
+            return nullptr;
+        DerReader numbers(key_bytes);
+        if (!numbers.read_positive_integer(n) || !numbers.read_positive_integer(e) || !numbers.empty())
+            return nullptr;
+        return key_from_numbers<2>("RSA", EVP_PKEY_PUBLIC_KEY,
+                                   {OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E}, {n, e});
+    }
+    if (alg.read_expected(kOid, kDsaOid)) {
+        Bytes params, p, q, g, y;
+        if (!alg.read(kSequence, params) || !alg.empty()) return nullptr;
+        DerReader domain(params);
+        if (!domain.read_positive_integer(p) || !domain.read_positive_integer(q) ||
+            !domain.read_positive_integer(g) || !domain.empty())
+            return nullptr;
+        DerReader key(bits);
+        if (!key.read_positive_integer(y) || !key.empty()) return nullptr;
+        return key_from_numbers<4>("DSA", EVP_PKEY_PUBLIC_KEY,
+                                   {OSSL_PKEY_PARAM_FFC_P, OSSL_PKEY_PARAM_FFC_Q,
+                                    OSSL_PKEY_PARAM_FFC_G, OSSL_PKEY_PARAM_PUB_KEY},
+                                   {p, q, g, y});
+    }
+    if (alg.read_expected(kOid, kEcOid)) {
+        Bytes curve_oid;
+        if (!alg.read(kOid, curve_oid) || !alg.empty()) return nullptr;
+        const NamedCurve *curve = find_curve(curve_oid);
+        if (curve == nullptr || !uncompressed_point(bits, *curve)) return nullptr;
+        return public_key_on(static_cast<std::size_t>(curve - kCurves.data()), bits);
+    }
+    return nullptr;
+}
+
+// ECPrivateKey with version 1, a named curve and the public point; NULL otherwise.
+EvpPkeyPtr fast_ec_private_key(Bytes der) noexcept {
+    DerReader outer(der);
+    Bytes body, version, priv, params, pub_wrap, curve_oid, point;
+    if (!outer.read(kSequence, body) || !outer.empty()) return nullptr;
+    static constexpr unsigned char kVersion1[] = {0x01};
+    DerReader fields(body);
+    if (!fields.read_expected(kInteger, kVersion1) || !fields.read(kOctetString, priv) ||
+        !fields.read(kExplicit0, params) || !fields.read(kExplicit1, pub_wrap) || !fields.empty())
+        return nullptr;
+    DerReader curve_field(params), pub_field(pub_wrap);
+    if (!curve_field.read(kOid, curve_oid) || !curve_field.empty() ||
+        !pub_field.read_octet_aligned_bits(point) || !pub_field.empty())
+        return nullptr;
+    const NamedCurve *curve = find_curve(curve_oid);
+    if (curve == nullptr || !uncompressed_point(point, *curve) || priv.empty() ||
+        priv.size() > curve->field_bytes)
+        return nullptr;
+
+    BignumPtr scalar = bignum(priv, true);
+    ParamBldPtr bld(OSSL_PARAM_BLD_new());
+    if (!scalar || BN_is_zero(scalar.get()) || !bld ||
+        OSSL_PARAM_BLD_push_utf8_string(bld.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve->name, 0) != 1 ||
+        OSSL_PARAM_BLD_push_octet_string(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
+                                         point.size()) != 1 ||
+        OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PRIV_KEY, scalar.get()) != 1)
+        return nullptr;
+    return key_from_builder("EC", EVP_PKEY_KEYPAIR, bld.get());
+}
+
+}  // namespace
+
+SpkiResult decode_public_key(Bytes der) noexcept {
+    SpkiResult result;
+    result.key = fast_public_key(der);
+    if (result.key) {
+        result.canonical = true;
+        return result;
+    }
+    if (der.size() > static_cast<std::size_t>(LONG_MAX)) return result;
+    const unsigned char *p = der.data();
+    result.key.reset(d2i_PUBKEY(nullptr, &p, static_cast<long>(der.size())));
+    return result;
+}
+
+EvpPkeyPtr ec_public_key(int curve_nid, Bytes point) noexcept {
+    for (std::size_t i = 0; i < kCurves.size(); ++i)
+        if (kCurves[i].nid == curve_nid) return public_key_on(i, point);
+    return nullptr;
+}
+
+EvpPkeyPtr decode_ec_private_key(Bytes der) noexcept {
+    if (EvpPkeyPtr key = fast_ec_private_key(der)) return key;
+    if (der.size() > static_cast<std::size_t>(LONG_MAX)) return nullptr;
+    const unsigned char *p = der.data();
+    return EvpPkeyPtr(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &p, static_cast<long>(der.size())));
+}
+
+}  // namespace pkey::der
