@@ -32,7 +32,10 @@ int policy(const Args &) {
         if (a.alg_id == PKEY_ALG_ECDSA) {
             detail.clear();
             for (const Curve &c : curves())
-                if (PKEY_IsValidECDSACurve(c.nid) == 1) detail += (detail.empty() ? "" : " ") + std::string(c.ssh_name);
+                if (PKEY_IsValidECDSACurve(c.nid) == 1) {
+                    if (!detail.empty()) detail += ' ';
+                    detail += c.ssh_name;
+                }
         }
         std::printf("%-6s %-8s %-9u %s\n", a.name,
                     PKEY_PUBKEY_IsEvpAglEnable(static_cast<unsigned>(a.evp_type)) == 1 ? "yes" : "no",
