@@ -10,8 +10,9 @@ PREFIX ?=
 FUZZ_SECONDS ?= 60
 FUZZ_BUILD ?= $(BUILD)-fuzz
 ASAN_BUILD ?= $(BUILD)-asan
+BENCH_BUILD ?= $(BUILD)-bench
 
-.PHONY: all deps configure build test test-unit test-asan fuzz fuzz-configure fuzz-smoke demo install clean
+.PHONY: all deps configure build test test-unit test-asan fuzz fuzz-configure fuzz-smoke bench demo install clean
 
 all: build
 
@@ -47,6 +48,13 @@ fuzz: fuzz-configure
 
 fuzz-smoke: fuzz-configure
 	fuzz/run.sh $(FUZZ_BUILD) 10
+
+# Every benchmark and its references (OpenSSL, ssh-keygen, Python's
+# cryptography) in one Release build; tables go to bench/results/latest.md.
+bench: deps
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DPKEY_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build $(BENCH_BUILD) -j$(JOBS)
+	/usr/bin/python3 bench/run.py $(BENCH_BUILD) $(BENCH_FLAGS)
 
 demo: build
 	tools/demo.sh $(BUILD)

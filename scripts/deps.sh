@@ -3,7 +3,8 @@
 # are missing. Run as root on a fresh machine; otherwise it names what to install.
 set -euo pipefail
 
-packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang libclang-rt-14-dev valgrind)
+packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang libclang-rt-14-dev valgrind
+          libbenchmark-dev python3-cryptography)
 
 missing=()
 for p in "${packages[@]}"; do
