@@ -233,7 +233,7 @@ EvpPkeyPtr fast_public_key(Bytes der) noexcept {
 // ECPrivateKey with version 1, a named curve and the public point; NULL otherwise.
 EvpPkeyPtr fast_ec_private_key(Bytes der) noexcept {
     DerReader outer(der);
-    Bytes body, version, priv, params, pub_wrap, curve_oid, point;
+    Bytes body, priv, params, pub_wrap, curve_oid, point;
     if (!outer.read(kSequence, body) || !outer.empty()) return nullptr;
     static constexpr unsigned char kVersion1[] = {0x01};
     DerReader fields(body);
