@@ -34,21 +34,17 @@ EvpPkeyPtr generate(const char *type, const char *arg) {
     return EvpPkeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type));
 }
 
-Bytes public_der(EVP_PKEY *key) {
+// The DER OpenSSL writes for a key with one of its i2d functions.
+template <typename Encoder>
+Bytes encode(EVP_PKEY *key, Encoder i2d) {
     unsigned char *der = nullptr;
-    const int len = i2d_PUBKEY(key, &der);
+    const int len = i2d(key, &der);
     Bytes out(der, der + (len > 0 ? len : 0));
     OPENSSL_free(der);
     return out;
 }
-
-Bytes private_der(EVP_PKEY *key) {
-    unsigned char *der = nullptr;
-    const int len = i2d_PrivateKey(key, &der);
-    Bytes out(der, der + (len > 0 ? len : 0));
-    OPENSSL_free(der);
-    return out;
-}
+Bytes public_der(EVP_PKEY *key) { return encode(key, i2d_PUBKEY); }
+Bytes private_der(EVP_PKEY *key) { return encode(key, i2d_PrivateKey); }
 
 // Compares the fast public decoder with d2i_PUBKEY on one input.
 void expect_same_public(const Bytes &der, const std::string &what) {
