@@ -2,9 +2,9 @@
 // copies, copy to a standby node) next to OpenSSL generating a key of the same
 // size, and the storing alone (PKEY_SaveLocalKey of a ready key).
 //
-// The DSA 2048 "first" pair runs first, once, in a fresh process: it includes
-// the search for the library's DSA group, against OpenSSL making a 2048-bit
-// group and a key in it.
+// The DSA 2048 "first" pair runs first, once, in a fresh process (nothing of
+// the library's is cached yet), against OpenSSL making a 2048-bit group and
+// a key in it.
 #include <benchmark/benchmark.h>
 
 #include <array>

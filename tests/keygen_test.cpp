@@ -153,7 +153,8 @@ TEST_F(KeygenTest, DsaKeysOfOneSizeShareTheirGroupAndDifferInTheirPairs) {
 TEST_F(KeygenTest, DsaGroupsMatchTheReferenceDerivation) {
     const std::pair<unsigned int, const char *> groups[] = {
         {512, "47d8c57d9120d883de25ebc70beb2f2d58d369a5efad0a4b976cdec99ea77fdf"},
-        {1024, "96a8c26addb2d364b196bc498f26ba2dc588c103e135662822c7fa87cacd64fa"}};
+        {1024, "96a8c26addb2d364b196bc498f26ba2dc588c103e135662822c7fa87cacd64fa"},
+        {2048, "26b36d6fc9bd46efbfdd5e7644339ff8671614d067f3bed1502d0410c313f27a"}};
     for (const auto &[bits, digest] : groups) {
         EvpPkeyPtr key(PKEY_GenerateDSAKey(bits));
         ASSERT_TRUE(key) << bits;
