@@ -5,15 +5,12 @@
 #include <gtest/gtest.h>
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
-#include <openssl/pem.h>
-#include <sys/stat.h>
 
-#include <cstdio>
-#include <functional>
-#include <tuple>
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "pkey_ec.h"
@@ -85,85 +82,55 @@ Bytes p256_point_from(const BIGNUM *start, const std::function<bool(const Bytes 
 
 class BlobTest : public ::testing::Test {
 protected:
-    struct Sample {
-        std::string label, sshType;
-        EvpPkeyPtr key;
-    };
-    // Generated once: generation is the slow part of this suite.
-    static const std::vector<Sample> &samples() {
-        static const std::vector<Sample> all = [] {
-            std::vector<Sample> s;
-            s.push_back({"RSA 1024", "ssh-rsa", EvpPkeyPtr(PKEY_GenerateRSAKey(1024))});
-            s.push_back({"RSA 2048", "ssh-rsa", EvpPkeyPtr(PKEY_GenerateRSAKey(2048))});
-            s.push_back({"DSA 1024", "ssh-dss", EvpPkeyPtr(PKEY_GenerateDSAKey(1024))});
-            for (const auto &[bits, nid] : {std::pair{"192", PKEY_NID_P192}, {"256", PKEY_NID_P256},
-                                            {"384", PKEY_NID_P384}, {"521", PKEY_NID_P521}})
-                s.push_back({std::string("P-") + bits, std::string("ecdsa-sha2-nistp") + bits,
-                             EvpPkeyPtr(PKEY_GenerateECKey(nid))});
-            return s;
-        }();
-        return all;
-    }
-    static EVP_PKEY *key(const std::string &label) {
-        for (const Sample &s : samples())
-            if (s.label == label) return s.key.get();
-        return nullptr;
-    }
-    static std::string base64_of(const std::string &label) {
+    static EVP_PKEY *key(const char *name) { return pkey::test::test_key(name); }
+    static std::string base64_of(const char *name) {
         unsigned int n = 0;
-        return take(PKEY_PUBKEY_EvppkeyToBase64(key(label), 1, &n));
-    }
-    // "type base64" as ssh-keygen derives it from the key's private PEM.
-    std::string ssh_keygen_line(const EVP_PKEY *k) const {
-        const std::string path = store_.root() + "/key.pem";
-        FILE *f = fopen(path.c_str(), "w");
-        chmod(path.c_str(), 0600);
-        PEM_write_PrivateKey(f, k, nullptr, nullptr, 0, nullptr, nullptr);
-        fclose(f);
-        FILE *pipe = popen(("ssh-keygen -y -f " + path + " 2>/dev/null").c_str(), "r");
-        std::string out;
-        for (char buf[512]; fgets(buf, sizeof buf, pipe) != nullptr;) out += buf;
-        pclose(pipe);
-        return out.substr(0, out.find_last_not_of("\r\n") + 1);
+        return take(PKEY_PUBKEY_EvppkeyToBase64(key(name), 1, &n));
     }
     pkey::test::TempStore store_;
 };
 
 TEST_F(BlobTest, AgreesWithSshKeygenBothWays) {
-    for (const Sample &s : samples()) {
-        SCOPED_TRACE(s.label);
-        ASSERT_NE(s.key, nullptr);
+    const std::pair<const char *, const char *> samples[] = {
+        {"rsa1024", "ssh-rsa"}, {"rsa2048", "ssh-rsa"}, {"dsa1024", "ssh-dss"},
+        {"p192", "ecdsa-sha2-nistp192"}, {"p256", "ecdsa-sha2-nistp256"},
+        {"p384", "ecdsa-sha2-nistp384"}, {"p521", "ecdsa-sha2-nistp521"}};
+    for (const auto &[name, ssh_type] : samples) {
+        SCOPED_TRACE(name);
+        ASSERT_NE(key(name), nullptr);
         unsigned int n = 0;
-        const std::string ours = take(PKEY_PUBKEY_EvppkeyToBase64(s.key.get(), 1, &n));
+        const std::string ours = take(PKEY_PUBKEY_EvppkeyToBase64(key(name), 1, &n));
         EXPECT_EQ(n, ours.size() + 1);
         // OpenSSH has no P-192: that curve is checked by a round trip of our own text.
-        const std::string expected = s.sshType + " " + ours;
-        const std::string line = s.label == "P-192" ? expected : ssh_keygen_line(s.key.get());
+        const std::string expected = std::string(ssh_type) + " " + ours;
+        const std::string line = std::string(name) == "p192"
+                                     ? expected
+                                     : pkey::test::ssh_keygen_public(key(name), store_.root());
         EXPECT_EQ(line, expected);
         EvpPkeyPtr back = from_b64(line.substr(line.find(' ') + 1));
-        EXPECT_EQ(PKEY_CmpPubKey(back.get(), s.key.get()), 1);
-        EXPECT_EQ(EVP_PKEY_eq(back.get(), s.key.get()), 1);
+        EXPECT_EQ(PKEY_CmpPubKey(back.get(), key(name)), 1);
+        EXPECT_EQ(EVP_PKEY_eq(back.get(), key(name)), 1);
     }
     // A 279-byte RSA blob (the modulus gets a 0x00) and a 104-byte P-256 blob.
-    EXPECT_EQ(base64_of("RSA 2048").size(), 372u);
-    EXPECT_EQ(base64_of("P-256").size(), 140u);
+    EXPECT_EQ(base64_of("rsa2048").size(), 372u);
+    EXPECT_EQ(base64_of("p256").size(), 140u);
 }
 
 TEST_F(BlobTest, Ssh1FormIsRsaOnly) {
     unsigned int n = 0;
-    const std::string text = take(PKEY_PUBKEY_EvppkeyToBase64(key("RSA 2048"), 0, &n));
+    const std::string text = take(PKEY_PUBKEY_EvppkeyToBase64(key("rsa2048"), 0, &n));
     BIGNUM *mod = nullptr;
-    EVP_PKEY_get_bn_param(key("RSA 2048"), OSSL_PKEY_PARAM_RSA_N, &mod);
+    EVP_PKEY_get_bn_param(key("rsa2048"), OSSL_PKEY_PARAM_RSA_N, &mod);
     EXPECT_EQ(text, "65537 " + take(BN_bn2dec(mod)));
     BN_free(mod);
     EXPECT_EQ(n, text.size());
-    for (auto [k, ssh2, out] : {std::tuple{key("DSA 1024"), 0, &n}, {nullptr, 1, &n},
-                                {key("RSA 1024"), 1, nullptr}})
+    for (auto [k, ssh2, out] : {std::tuple{key("dsa1024"), 0, &n}, {nullptr, 1, &n},
+                                {key("rsa1024"), 1, nullptr}})
         EXPECT_EQ(PKEY_PUBKEY_EvppkeyToBase64(k, ssh2, out), nullptr);
 }
 
 TEST_F(BlobTest, Base64ReaderIsStrict) {
-    const std::string good = base64_of("RSA 1024");
+    const std::string good = base64_of("rsa1024");
     for (const std::string &bad :
          {good + "\n", good.substr(0, 8) + " " + good.substr(8), good.substr(1),
           "=" + good.substr(1), "A=" + good.substr(2), "AA=" + good.substr(3), std::string(""),
@@ -174,12 +141,12 @@ TEST_F(BlobTest, Base64ReaderIsStrict) {
     // A padded group in the middle is accepted: the blob split after its first byte.
     const Bytes blob = unb64(good);
     EvpPkeyPtr back = from_b64(b64({blob[0]}) + b64(Bytes(blob.begin() + 1, blob.end())));
-    EXPECT_EQ(EVP_PKEY_eq(back.get(), key("RSA 1024")), 1);
+    EXPECT_EQ(EVP_PKEY_eq(back.get(), key("rsa1024")), 1);
 }
 
 TEST_F(BlobTest, RsaAliasesReadAsRsaAndLengthsAreBounded) {
     // "ssh-rsa" (11 bytes), e 65537 (4 + 3), n of 1024 bits behind a 0x00 (4 + 129).
-    const Bytes blob = unb64(base64_of("RSA 1024"));
+    const Bytes blob = unb64(base64_of("rsa1024"));
     ASSERT_EQ(blob.size(), 151u);
     const Bytes keyData(blob.begin() + 11, blob.end());
     for (const char *alias : {"x509v3-sign-rsa", "spki-sign-rsa", "pgp-sign-rsa"}) {
@@ -187,7 +154,7 @@ TEST_F(BlobTest, RsaAliasesReadAsRsaAndLengthsAreBounded) {
         put_field(aliased, str(alias));
         aliased.insert(aliased.end(), keyData.begin(), keyData.end());
         put_field(aliased, str("bytes after the last mpint are ignored"));
-        EXPECT_EQ(EVP_PKEY_eq(from_b64(b64(aliased)).get(), key("RSA 1024")), 1) << alias;
+        EXPECT_EQ(EVP_PKEY_eq(from_b64(b64(aliased)).get(), key("rsa1024")), 1) << alias;
     }
     // A lying length in the name, e or n field, by 0xFFFFFFFF or by a single byte.
     for (const auto &[at, value] : {std::pair{0, kHuge}, {11, kHuge}, {18, kHuge}, {18, 0x82}}) {
@@ -198,10 +165,10 @@ TEST_F(BlobTest, RsaAliasesReadAsRsaAndLengthsAreBounded) {
 }
 
 TEST_F(BlobTest, EcReaderChecksSizesAndCurveIdentifiers) {
-    const Bytes blob256 = unb64(base64_of("P-256"));
+    const Bytes blob256 = unb64(base64_of("p256"));
     const Bytes point(blob256.end() - 65, blob256.end());
     EvpPkeyPtr good(read_ec(ec_tail("nistp256", point)));
-    ASSERT_EQ(PKEY_CmpPubKey(good.get(), key("P-256")), 1);
+    ASSERT_EQ(PKEY_CmpPubKey(good.get(), key("p256")), 1);
     char encoding[32] = {};
     EVP_PKEY_get_utf8_string_param(good.get(), OSSL_PKEY_PARAM_EC_ENCODING, encoding,
                                    sizeof encoding, nullptr);
@@ -224,7 +191,7 @@ TEST_F(BlobTest, EcReaderChecksSizesAndCurveIdentifiers) {
     put_field(blob, str("ecdsa-sha2-nistp384"));
     const Bytes tail = ec_tail("nistp256", point);
     blob.insert(blob.end(), tail.begin(), tail.end());
-    EXPECT_EQ(EVP_PKEY_eq(from_b64(b64(blob)).get(), key("P-256")), 1);
+    EXPECT_EQ(EVP_PKEY_eq(from_b64(b64(blob)).get(), key("p256")), 1);
 }
 
 TEST_F(BlobTest, EcReaderRefusesBadPoints) {
@@ -261,23 +228,23 @@ TEST_F(BlobTest, EcReaderRefusesBadPoints) {
 TEST_F(BlobTest, EcWriterNeedsOneOfTheFourCurves) {
     unsigned int n = 77;
     EXPECT_EQ(PKEY_EC_EcToBase64(pkey::test::ec_key_on("secp224r1").get(), &n), nullptr);
-    EXPECT_EQ(PKEY_EC_EcToBase64(key("RSA 1024"), &n), nullptr);
+    EXPECT_EQ(PKEY_EC_EcToBase64(key("rsa1024"), &n), nullptr);
     EXPECT_EQ(PKEY_EC_EcToBase64(nullptr, &n), nullptr);
     EXPECT_EQ(n, 77u);
 }
 
 TEST_F(BlobTest, CmpPubKeyComparesPublicValues) {
     // The RSA 1024 key buffer again, with e = 65539 instead of 65537.
-    const std::string good = base64_of("RSA 1024");
+    const std::string good = base64_of("rsa1024");
     Bytes otherE = unb64(good);
     otherE[17] = 3;
-    EXPECT_EQ(PKEY_CmpPubKey(from_b64(good).get(), key("RSA 1024")), 1);
-    EXPECT_EQ(PKEY_CmpPubKey(from_b64(b64(otherE)).get(), key("RSA 1024")), 0);
-    EXPECT_EQ(PKEY_CmpPubKey(key("RSA 1024"), key("DSA 1024")), 0);
-    EXPECT_EQ(PKEY_CmpPubKey(nullptr, key("RSA 1024")) + PKEY_CmpPubKey(key("P-256"), nullptr), 0);
+    EXPECT_EQ(PKEY_CmpPubKey(from_b64(good).get(), key("rsa1024")), 1);
+    EXPECT_EQ(PKEY_CmpPubKey(from_b64(b64(otherE)).get(), key("rsa1024")), 0);
+    EXPECT_EQ(PKEY_CmpPubKey(key("rsa1024"), key("dsa1024")), 0);
+    EXPECT_EQ(PKEY_CmpPubKey(nullptr, key("rsa1024")) + PKEY_CmpPubKey(key("p256"), nullptr), 0);
     EvpPkeyPtr other(PKEY_GenerateECKey(PKEY_NID_P256));
-    EXPECT_EQ(PKEY_CmpPubKey(other.get(), key("P-256")), 0);
-    EXPECT_EQ(PKEY_CmpPubKey(key("P-384"), key("P-256")), 0);
+    EXPECT_EQ(PKEY_CmpPubKey(other.get(), key("p256")), 0);
+    EXPECT_EQ(PKEY_CmpPubKey(key("p384"), key("p256")), 0);
 }
 
 }  // namespace

@@ -9,30 +9,12 @@
 
 #include "pkey_util.hpp"
 #include "pubkey/pkey_der.hpp"
+#include "test_keys.hpp"
 
 namespace {
 
 using pkey::EvpPkeyPtr;
 using Bytes = std::vector<unsigned char>;
-
-EvpPkeyPtr generate(const char *type, const char *arg) {
-    if (std::string_view(type) == "RSA")
-        return EvpPkeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(std::stoi(arg))));
-    if (std::string_view(type) == "EC") return EvpPkeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", arg));
-    if (std::string_view(type) == "DSA") {
-        pkey::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr));
-        EVP_PKEY *params = nullptr, *key = nullptr;
-        EVP_PKEY_paramgen_init(pctx.get());
-        EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx.get(), std::stoi(arg));
-        EVP_PKEY_paramgen(pctx.get(), &params);
-        EvpPkeyPtr owned(params);
-        pkey::EvpPkeyCtxPtr kctx(EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr));
-        EVP_PKEY_keygen_init(kctx.get());
-        EVP_PKEY_keygen(kctx.get(), &key);
-        return EvpPkeyPtr(key);
-    }
-    return EvpPkeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, type));
-}
 
 // The DER OpenSSL writes for a key with one of its i2d functions.
 template <typename Encoder>
@@ -77,43 +59,45 @@ void expect_same_private(const Bytes &der, const std::string &what) {
     BN_clear_free(b);
 }
 
-struct Keys {
-    std::vector<EvpPkeyPtr> all;
-    Keys() {
-        for (auto [type, arg] : std::vector<std::pair<const char *, const char *>>{
-                 {"RSA", "1024"}, {"RSA", "2048"}, {"DSA", "1024"}, {"EC", "P-192"}, {"EC", "P-224"},
-                 {"EC", "P-256"}, {"EC", "P-384"}, {"EC", "P-521"}, {"EC", "secp256k1"}, {"ED25519", ""}})
-            all.push_back(generate(type, arg));
-    }
-};
-const Keys &keys() {
-    static const Keys k;
-    return k;
+// One key of every type and size the decoders know, and some they do not.
+const std::vector<EVP_PKEY *> &keys() {
+    static const std::vector<EVP_PKEY *> all = [] {
+        std::vector<EVP_PKEY *> k;
+        for (const char *name : {"rsa1024", "rsa2048", "dsa1024", "p192", "p224", "p256", "p384",
+                                 "p521"})
+            k.push_back(pkey::test::test_key(name));
+        static const EvpPkeyPtr k1(EVP_EC_gen("secp256k1")),
+            ed(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
+        k.push_back(k1.get());
+        k.push_back(ed.get());
+        return k;
+    }();
+    return all;
 }
 
 TEST(DerTest, EveryKeyTypeDecodesToTheSameKeyAsOpenSsl) {
-    for (const EvpPkeyPtr &key : keys().all) {
+    for (EVP_PKEY *key : keys()) {
         ASSERT_TRUE(key);
-        const Bytes der = public_der(key.get());
-        expect_same_public(der, EVP_PKEY_get0_type_name(key.get()));
+        const Bytes der = public_der(key);
+        expect_same_public(der, EVP_PKEY_get0_type_name(key));
         // The library's own forms take the fast path.
-        const int id = EVP_PKEY_get_id(key.get());
+        const int id = EVP_PKEY_get_id(key);
         if (id == EVP_PKEY_RSA || id == EVP_PKEY_DSA) {
             EXPECT_TRUE(pkey::der::decode_public_key(der).canonical);
         }
-        if (id == EVP_PKEY_EC) expect_same_private(private_der(key.get()), "EC private");
+        if (id == EVP_PKEY_EC) expect_same_private(private_der(key), "EC private");
     }
 }
 
 TEST(DerTest, NonCanonicalFormsGiveOpenSslsAnswer) {
-    const Bytes p256 = public_der(keys().all[5].get());
+    const Bytes p256 = public_der(keys()[5]);
     // Trailing bytes: d2i reads the key and ignores them.
     Bytes trailing = p256;
     trailing.push_back(0);
     expect_same_public(trailing, "trailing byte");
     EXPECT_FALSE(pkey::der::decode_public_key(trailing).canonical);
     // A compressed point.
-    EvpPkeyPtr compressed(EVP_PKEY_dup(keys().all[5].get()));
+    EvpPkeyPtr compressed(EVP_PKEY_dup(keys()[5]));
     ASSERT_EQ(EVP_PKEY_set_utf8_string_param(compressed.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT,
                                              OSSL_PKEY_EC_POINT_CONVERSION_FORMAT_COMPRESSED), 1);
     expect_same_public(public_der(compressed.get()), "compressed point");
@@ -128,9 +112,9 @@ TEST(DerTest, NonCanonicalFormsGiveOpenSslsAnswer) {
 
 TEST(DerTest, RandomDamageNeverMakesTheDecodersDisagree) {
     std::mt19937 rng(7);
-    for (const EvpPkeyPtr &key : keys().all) {
-        const Bytes pub = public_der(key.get());
-        const Bytes priv = EVP_PKEY_get_id(key.get()) == EVP_PKEY_EC ? private_der(key.get()) : Bytes{};
+    for (EVP_PKEY *key : keys()) {
+        const Bytes pub = public_der(key);
+        const Bytes priv = EVP_PKEY_get_id(key) == EVP_PKEY_EC ? private_der(key) : Bytes{};
         for (int round = 0; round < 300; ++round) {
             Bytes damaged = round % 2 == 0 || priv.empty() ? pub : priv;
             const bool is_pub = damaged == pub;

@@ -12,12 +12,6 @@ namespace {
 
 class FsNamesTest : public ::testing::Test {
 protected:
-    std::string work(unsigned int node) const {
-        return store.root() + "/node" + std::to_string(node) + "/flash";
-    }
-    std::string mem(unsigned int node) const {
-        return store.root() + "/node" + std::to_string(node) + "/run";
-    }
     static std::string full(unsigned int alg, unsigned int kind, unsigned int node,
                             const char *name, PKEY_FS_PREFIX_FN prefix, int *appended = nullptr) {
         char out[PKEY_PATH_LEN];
@@ -41,71 +35,62 @@ TEST_F(FsNamesTest, TablesGiveDirectoriesAndDefaultNames) {
     }
 }
 
-TEST_F(FsNamesTest, DefaultKeysSitInTheWorkDirAndUnderPkeyInMemory) {
+// Default keys sit in the work directory and under "pkey" in memory; named keys carry
+// the extension, public files do not; node numbers use their low 16 bits.
+TEST_F(FsNamesTest, FullNamesFollowAlgorithmKindNodeAndName) {
+    const auto dev = PKEY_FS_MakeDevFilePrefix, mem = PKEY_FS_MakeMemFilePrefix;
+    const std::string w1 = store.work_dir(1), w2 = store.work_dir(2), w3 = store.work_dir(3);
+    const std::string m1 = store.mem_dir(1) + "/pkey", m2 = store.mem_dir(2) + "/pkey";
+    const struct { unsigned int alg, kind, node; const char *name; PKEY_FS_PREFIX_FN prefix;
+                   std::string want; } rows[] = {
+        {1, PKEY_KEY_HOST, 1, "", dev, w1 + "/hostkey"},
+        {1, PKEY_KEY_HOST, 1, "", mem, m1 + "/hostkey"},
+        {2, PKEY_KEY_HOST, 3, "", dev, w3 + "/dsakey"},
+        {3, PKEY_KEY_HOST, 3, "", mem, store.mem_dir(3) + "/pkey/ecdsakey"},
+        {1, PKEY_KEY_SERVER, 1, "", dev, w1 + "/serverkey"},
+        {2, PKEY_KEY_SERVER, 1, "", dev, w1 + "/serverkey"},
+        {3, PKEY_KEY_SERVER, 1, "", mem, m1 + "/serverkey"},
+        {1, 7, 1, "", dev, w1 + "/"},  // any other kind without a name: the separator alone
+        {3, PKEY_KEY_HOST, 1, "abc", dev, w1 + "/pkey/ecdsa/abc.key"},
+        {1, PKEY_KEY_SERVER, 2, "k1", mem, m2 + "/rsa/k1.key"},
+        {0, PKEY_KEY_PUBLIC, 1, "peer", dev, w1 + "/pkey/publickey/peer"},
+        {3, PKEY_KEY_PUBLIC, 1, "peer", dev, w1 + "/pkey/publickey/peer"},
+        {0, PKEY_KEY_HOST, 1, "x", dev, w1 + "x.key"},  // the reserved row has no directory
+        {1, PKEY_KEY_HOST, 0x10002, "", dev, w2 + "/hostkey"}};
+    for (const auto &r : rows)
+        EXPECT_EQ(full(r.alg, r.kind, r.node, r.name, r.prefix), r.want) << r.want;
     int appended = 0;
-    EXPECT_EQ(full(1, PKEY_KEY_HOST, 1, "", PKEY_FS_MakeDevFilePrefix, &appended),
-              work(1) + "/hostkey");
+    full(1, PKEY_KEY_HOST, 1, "", dev, &appended);
     EXPECT_EQ(appended, 8);
-    EXPECT_EQ(full(1, PKEY_KEY_HOST, 1, "", PKEY_FS_MakeMemFilePrefix, &appended),
-              mem(1) + "/pkey/hostkey");
+    full(1, PKEY_KEY_HOST, 1, "", mem, &appended);
     EXPECT_EQ(appended, 13);
-    EXPECT_EQ(full(2, PKEY_KEY_HOST, 3, "", PKEY_FS_MakeDevFilePrefix), work(3) + "/dsakey");
-    EXPECT_EQ(full(3, PKEY_KEY_HOST, 3, "", PKEY_FS_MakeMemFilePrefix), mem(3) + "/pkey/ecdsakey");
-    for (unsigned int alg = 1; alg < 4; ++alg) {
-        EXPECT_EQ(full(alg, PKEY_KEY_SERVER, 1, "", PKEY_FS_MakeDevFilePrefix),
-                  work(1) + "/serverkey");
-        EXPECT_EQ(full(alg, PKEY_KEY_SERVER, 1, "", PKEY_FS_MakeMemFilePrefix),
-                  mem(1) + "/pkey/serverkey");
-    }
-    // Any other kind without a name gets the separator alone.
-    EXPECT_EQ(full(1, 7, 1, "", PKEY_FS_MakeDevFilePrefix), work(1) + "/");
-}
-
-TEST_F(FsNamesTest, NamedKeysCarryTheExtensionAndPublicFilesDoNot) {
-    EXPECT_EQ(full(3, PKEY_KEY_HOST, 1, "abc", PKEY_FS_MakeDevFilePrefix),
-              work(1) + "/pkey/ecdsa/abc.key");
-    EXPECT_EQ(full(1, PKEY_KEY_SERVER, 2, "k1", PKEY_FS_MakeMemFilePrefix),
-              mem(2) + "/pkey/rsa/k1.key");
-    for (unsigned int alg = 0; alg < 4; ++alg)
-        EXPECT_EQ(full(alg, PKEY_KEY_PUBLIC, 1, "peer", PKEY_FS_MakeDevFilePrefix),
-                  work(1) + "/pkey/publickey/peer");
-    // The reserved row has an empty directory.
-    EXPECT_EQ(full(0, PKEY_KEY_HOST, 1, "x", PKEY_FS_MakeDevFilePrefix), work(1) + "x.key");
-}
-
-TEST_F(FsNamesTest, UnsupportedAlgorithmWritesNothing) {
+    // An unsupported algorithm writes nothing.
     char out[PKEY_PATH_LEN] = "untouched";
-    EXPECT_EQ(PKEY_FS_MakeFullFileName(4, PKEY_KEY_HOST, 1, "", PKEY_FS_MakeDevFilePrefix, out), 0);
+    EXPECT_EQ(PKEY_FS_MakeFullFileName(4, PKEY_KEY_HOST, 1, "", dev, out), 0);
     EXPECT_STREQ(out, "untouched");
 }
 
-TEST_F(FsNamesTest, NodeNumbersUseTheLow16Bits) {
-    EXPECT_EQ(full(1, PKEY_KEY_HOST, 0x10002, "", PKEY_FS_MakeDevFilePrefix), work(2) + "/hostkey");
-    char out[PKEY_PATH_LEN];
-    ASSERT_EQ(PKEY_FS_MakeMemFilePrefix(0x20005, out), 0);
-    EXPECT_EQ(std::string(out), mem(5));
-}
-
 TEST_F(FsNamesTest, LongNamesAreCutAt511Characters) {
-    const std::string name(600, 'n');
+    const std::string name(600, 'n'), work = store.work_dir(1);
     int appended = 0;
     const std::string path = full(1, PKEY_KEY_HOST, 1, name.c_str(), PKEY_FS_MakeDevFilePrefix,
                                   &appended);
     EXPECT_EQ(path.size(), PKEY_PATH_LEN - 1);
-    EXPECT_EQ(path.substr(0, work(1).size() + 10), work(1) + "/pkey/rsa/");
-    EXPECT_EQ(static_cast<size_t>(appended), PKEY_PATH_LEN - 1 - work(1).size());
+    EXPECT_EQ(path.substr(0, work.size() + 10), work + "/pkey/rsa/");
+    EXPECT_EQ(static_cast<size_t>(appended), PKEY_PATH_LEN - 1 - work.size());
 }
 
 TEST_F(FsNamesTest, MemoryDirectoriesFollowTheRunningNode) {
     char out[PKEY_PATH_LEN];
-    EXPECT_EQ(PKEY_FS_GetPkeyMemDir(out), static_cast<int>((mem(1) + "/pkey/").size()));
-    EXPECT_EQ(std::string(out), mem(1) + "/pkey/");
+    EXPECT_EQ(PKEY_FS_GetPkeyMemDir(out), static_cast<int>((store.mem_dir(1) + "/pkey/").size()));
+    EXPECT_EQ(std::string(out), store.mem_dir(1) + "/pkey/");
     PKEY_FS_GetLocKeyMemDirByAlgId(3, out);
-    EXPECT_EQ(std::string(out), mem(1) + "/pkey/ecdsa/");
+    EXPECT_EQ(std::string(out), store.mem_dir(1) + "/pkey/ecdsa/");
+    ASSERT_EQ(PKEY_FS_MakeMemFilePrefix(0x20005, out), 0);  // low 16 bits of the node
+    EXPECT_EQ(std::string(out), store.mem_dir(5));
     HOST_SetSelfNode(4);
     PKEY_FS_GetLocKeyMemDirByAlgId(1, out);
-    EXPECT_EQ(std::string(out), mem(4) + "/pkey/rsa/");
-    HOST_SetSelfNode(1);
+    EXPECT_EQ(std::string(out), store.mem_dir(4) + "/pkey/rsa/");
 }
 
 TEST_F(FsNamesTest, MemoryStatusFollowsTheAlarm) {

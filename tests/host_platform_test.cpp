@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +22,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using pkey::test::mode_of;
 using pkey::test::TempStore;
 using Bytes = std::vector<unsigned char>;
 using Nodes = std::vector<unsigned short>;
@@ -45,11 +45,6 @@ int run_children(int n, const std::function<int(int)> &body) {
     for (int i = 0; i < n; ++i)
         ok += ::wait(&status) > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     return ok;
-}
-
-mode_t mode_of(const std::string &path) {
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
 }
 
 class HostTest : public ::testing::Test {

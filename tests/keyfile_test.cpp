@@ -1,14 +1,13 @@
 // Local key files through the real host platform: writing both copies,
 // reading back, integrity, FIPS refusals, and creating host and server keys.
 #include <gtest/gtest.h>
-#include <openssl/core_names.h>
 #include <openssl/obj_mac.h>
 
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -17,40 +16,25 @@
 #include "pkey_pubkey.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
 
 namespace fsys = std::filesystem;
 using pkey::EvpPkeyPtr;
-using pkey::test::bn_param_hex;
-using Bytes = std::vector<unsigned char>;
+using pkey::test::get;
+using pkey::test::put;
+using pkey::test::same_pair;
 constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 
-Bytes file_bytes(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-void write_bytes(const std::string &path, const Bytes &b) {
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), b.size());
-}
 // The plain record of a stored host key; empty when refused.
-Bytes read_record(unsigned int alg, const char *name) {
+std::string read_record(unsigned int alg, const char *name) {
     unsigned int len = 0;
     unsigned char *raw = PKEY_LOCAL_ReadKeyToBuf(alg, PKEY_KEY_HOST, name, &len);
-    Bytes out(raw, raw + (raw != nullptr ? len : 0));
+    std::string out(reinterpret_cast<char *>(raw), raw != nullptr ? len : 0);
     std::free(raw);
     return out;
 }
-
-// Public and private parts equal.
-bool same_pair(const EVP_PKEY *a, const EVP_PKEY *b) {
-    if (a == nullptr || b == nullptr || EVP_PKEY_eq(a, b) != 1) return false;
-    const char *priv =
-        EVP_PKEY_get_id(a) == EVP_PKEY_RSA ? OSSL_PKEY_PARAM_RSA_D : OSSL_PKEY_PARAM_PRIV_KEY;
-    const std::string mine = bn_param_hex(a, priv);
-    return !mine.empty() && mine == bn_param_hex(b, priv);
-}
-
 EvpPkeyPtr read_key(unsigned int alg, const char *name, unsigned int kind = PKEY_KEY_HOST) {
     PKEY_KEY_WITH_TIME_S *kt = PKEY_LOCAL_ReadKeyToEvpPkey(alg, kind, name);
     if (kt == nullptr) return nullptr;
@@ -64,20 +48,12 @@ int save(unsigned int alg, EVP_PKEY *key, const char *name, unsigned int kind = 
 
 class KeyFileTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        rsa1024 = PKEY_GenerateRSAKey(1024);
-        dsa1024 = PKEY_GenerateDSAKey(1024);
-        p256 = PKEY_GenerateECKey(NID_X9_62_prime256v1);
-        p521 = PKEY_GenerateECKey(NID_secp521r1);
-    }
-    static void TearDownTestSuite() {
-        for (EVP_PKEY *k : {rsa1024, dsa1024, p256, p521}) EVP_PKEY_free(k);
-    }
     std::string mem_file(const char *rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
     std::string dev_file(const char *rel) const { return store.work_dir(1) + "/" + rel; }
 
-    static inline EVP_PKEY *rsa1024, *dsa1024, *p256, *p521;
     pkey::test::TempStore store;
+    EVP_PKEY *rsa1024 = pkey::test::test_key("rsa1024"), *dsa1024 = pkey::test::test_key("dsa1024");
+    EVP_PKEY *p256 = pkey::test::test_key("p256"), *p521 = pkey::test::test_key("p521");
 };
 
 TEST_F(KeyFileTest, EveryAlgorithmRoundTripsAndFipsModeReadsOnlySha256ProtectedFiles) {
@@ -103,8 +79,8 @@ TEST_F(KeyFileTest, EveryAlgorithmRoundTripsAndFipsModeReadsOnlySha256ProtectedF
 
 TEST_F(KeyFileTest, BothCopiesHoldOneEncipheredImageStampedWithKindAndName) {
     ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, ""), 0);
-    const Bytes record = read_record(PKEY_ALG_ECDSA, ""), mem = file_bytes(mem_file("ecdsakey"));
-    EXPECT_EQ(mem, file_bytes(dev_file("ecdsakey")));
+    const std::string record = read_record(PKEY_ALG_ECDSA, ""), mem = get(mem_file("ecdsakey"));
+    EXPECT_EQ(mem, get(dev_file("ecdsakey")));
     ASSERT_GT(record.size(), 84u);
     ASSERT_EQ(mem.size(), record.size() + 19);
     // The header is plain; the body is not.
@@ -114,28 +90,38 @@ TEST_F(KeyFileTest, BothCopiesHoldOneEncipheredImageStampedWithKindAndName) {
 
     const std::string long_name(70, 'n');
     ASSERT_EQ(PKEY_SaveLocalKey(long_name.c_str(), p256), 0);
-    const Bytes named = read_record(PKEY_ALG_ECDSA, long_name.c_str());
+    const std::string named = read_record(PKEY_ALG_ECDSA, long_name.c_str());
     ASSERT_GT(named.size(), 84u);
-    EXPECT_EQ(named[8], PKEY_KEY_HOST);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(&named[9])), long_name.substr(0, 64));
+    EXPECT_EQ(static_cast<unsigned char>(named[8]), PKEY_KEY_HOST);
+    EXPECT_EQ(std::string(named.c_str() + 9), long_name.substr(0, 64));
     EXPECT_EQ(PKEY_SaveLocalKey("", p256), kFailed);
 }
 
-TEST_F(KeyFileTest, EveryChangedByteOutsideKindAndNameOrAnotherStoresDeviceKeyBreaksTheKey) {
-    ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, ""), 0);
-    const std::string path = mem_file("ecdsakey");
-    const Bytes good = file_bytes(path);
-    for (size_t i = 0; i < good.size(); ++i) {
-        Bytes bad = good;
-        bad[i] ^= 0x01;
-        write_bytes(path, bad);
-        const bool kind_or_name = i >= 8 && i <= 73;
-        EXPECT_EQ(read_key(PKEY_ALG_ECDSA, "") != nullptr, kind_or_name) << "byte " << i;
+// Every single-bit change of a key file outside the kind and name fields (which the
+// digest leaves out) makes the lookup fail, as does another store's device key.
+TEST_F(KeyFileTest, EveryBitFlipOutsideKindAndNameOrAnotherStoresDeviceKeyBreaksTheKey) {
+    for (const auto &[alg, key, file] : {std::tuple{PKEY_ALG_ECDSA, p256, "ecdsakey"},
+                                         {PKEY_ALG_DSA, dsa1024, "dsakey"},
+                                         {PKEY_ALG_RSA, rsa1024, "hostkey"}}) {
+        ASSERT_EQ(save(alg, key, ""), 0);
+        const std::string path = mem_file(file), good = get(path);
+        for (size_t bit = 0; bit < good.size() * 8; ++bit) {
+            std::string bad = good;
+            bad[bit / 8] = static_cast<char>(bad[bit / 8] ^ (1 << bit % 8));
+            put(path, bad);
+            const bool kind_or_name = bit / 8 >= 8 && bit / 8 <= 73;
+            const EvpPkeyPtr got = read_key(alg, "");
+            ASSERT_TRUE(kind_or_name ? same_pair(got.get(), key) : got == nullptr)
+                << file << " byte " << bit / 8 << " bit " << bit % 8;
+        }
+        put(path, good);
+        EXPECT_TRUE(same_pair(read_key(alg, "").get(), key)) << file;
     }
     // Whole again, the file still does not decipher under another store's device key.
+    const std::string good = get(mem_file("ecdsakey"));
     pkey::test::TempStore other;
     ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, ""), 0);
-    write_bytes(other.mem_dir(1) + "/pkey/ecdsakey", good);
+    put(other.mem_dir(1) + "/pkey/ecdsakey", good);
     EXPECT_EQ(read_key(PKEY_ALG_ECDSA, ""), nullptr);
     store.use();
 }
@@ -144,7 +130,7 @@ TEST_F(KeyFileTest, RecordCheckCoversAllButKindAndNameAndPlainRecordsNeverPassIt
     unsigned int len = 0;
     unsigned char *raw = PKEY_PUBKEY_ConvertKeyToStoreBuf(p256, &len);
     ASSERT_NE(raw, nullptr);
-    Bytes record(raw, raw + len), out(len);
+    std::vector<unsigned char> record(raw, raw + len), out(len);
     std::free(raw);
     unsigned int out_len = 0;
     // A plain body under protection 3, an unknown protection and a partial header never decipher.
@@ -160,8 +146,9 @@ TEST_F(KeyFileTest, RecordCheckCoversAllButKindAndNameAndPlainRecordsNeverPassIt
     };
     record[82] = 1;
     ASSERT_EQ(write(len, "plain"), 0);
-    EXPECT_EQ(file_bytes(mem_file("ecdsa/plain.key")), record);
-    EXPECT_EQ(read_record(PKEY_ALG_ECDSA, "plain"), record);
+    const std::string plain(record.begin(), record.end());
+    EXPECT_EQ(get(mem_file("ecdsa/plain.key")), plain);
+    EXPECT_EQ(read_record(PKEY_ALG_ECDSA, "plain"), plain);
     EXPECT_EQ(read_key(PKEY_ALG_ECDSA, "plain"), nullptr);
     HOST_SetFipsMode(1);
     EXPECT_TRUE(read_record(PKEY_ALG_ECDSA, "plain").empty());
@@ -218,9 +205,9 @@ TEST_F(KeyFileTest, ASavedKeyReachesEveryStandbyNodesFlash) {
     const unsigned short standby[] = {2, 5};
     HOST_SetStandbyNodes(standby, 2);
     ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, "k"), 0);
-    const Bytes image = file_bytes(dev_file("pkey/ecdsa/k.key"));
+    const std::string image = get(dev_file("pkey/ecdsa/k.key"));
     for (unsigned int node : {2u, 5u})
-        EXPECT_EQ(file_bytes(store.work_dir(node) + "/pkey/ecdsa/k.key"), image) << node;
+        EXPECT_EQ(get(store.work_dir(node) + "/pkey/ecdsa/k.key"), image) << node;
     EXPECT_FALSE(fsys::exists(store.mem_dir(2) + "/pkey"));
 }
 
@@ -282,9 +269,9 @@ TEST_F(CreateTest, RenewingTheServerKeyKeepsItsSizeOrDerivesIt) {
     ASSERT_EQ(PKEY_SaveHostKey(rsa1024), 0);
     ASSERT_EQ(PKEY_UpdateServerKey(EVP_PKEY_RSA, ""), 0);
     EXPECT_EQ(bits_of(PKEY_ALG_RSA, "", PKEY_KEY_SERVER), 768u);
-    const Bytes server = file_bytes(dev_file("serverkey"));
+    const std::string server = get(dev_file("serverkey"));
     EXPECT_EQ(PKEY_UpdateServerKey(EVP_PKEY_DSA, ""), kFailed);
-    EXPECT_EQ(file_bytes(dev_file("serverkey")), server);
+    EXPECT_EQ(get(dev_file("serverkey")), server);
 }
 
 TEST_F(CreateTest, CallersKeysAreStoredAsDefaultHostOrServerKey) {

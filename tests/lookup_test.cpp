@@ -1,7 +1,6 @@
 // Local key names, lookups of stored keys, the existence test, the guard for
 // user file names and the FIPS sweep of stored key files.
 #include <gtest/gtest.h>
-#include <openssl/obj_mac.h>
 
 #include <climits>
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include "host_platform.h"
 #include "pkey_local.h"
 #include "pkey_util.hpp"
+#include "test_keys.hpp"
 #include "test_store.hpp"
 
 namespace {
@@ -22,27 +22,16 @@ namespace fsys = std::filesystem;
 using pkey::EvpPkeyPtr;
 constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 
-// Keys are costly to make: one of each per test program.
-struct Keys {
-    EvpPkeyPtr rsa1024{PKEY_GenerateRSAKey(1024)};
-    EvpPkeyPtr rsa2048{PKEY_GenerateRSAKey(2048)};
-    EvpPkeyPtr dsa1024{PKEY_GenerateDSAKey(1024)};
-    EvpPkeyPtr p192{PKEY_GenerateECKey(NID_X9_62_prime192v1)};
-    EvpPkeyPtr p256{PKEY_GenerateECKey(NID_X9_62_prime256v1)};
-};
-const Keys &keys() {
-    static const Keys k;  // first made while FIPS mode is off, so P-192 is allowed
-    return k;
-}
+EVP_PKEY *key(const char *name) { return pkey::test::test_key(name); }
 
 class LookupTest : public ::testing::Test {
 protected:
     std::string dev(const std::string &rel) const { return store.work_dir(1) + "/" + rel; }
     // Protection 3 (MD5) outside FIPS mode, 4 (SHA-256) when saved in FIPS mode.
-    static void save(unsigned int alg, unsigned int kind, const EvpPkeyPtr &key,
-                     const char *name, bool fips = false) {
+    static void save(unsigned int alg, unsigned int kind, EVP_PKEY *k, const char *name,
+                     bool fips = false) {
         HOST_SetFipsMode(fips ? 1 : 0);
-        ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(alg, kind, key.get(), name), 0) << name;
+        ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(alg, kind, k, name), 0) << name;
     }
     static int sweep(const std::string &path, bool fips) {
         HOST_SetFipsMode(fips ? 1 : 0);
@@ -83,14 +72,14 @@ TEST_F(LookupTest, LocalKeyNameCutsOnlyATrailingKeyExtension) {
 }
 
 TEST_F(LookupTest, LookupsReturnTheStoredKeyOfEachKindAndName) {
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa1024, "");
-    save(PKEY_ALG_RSA, PKEY_KEY_SERVER, keys().rsa2048, "");
-    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, keys().p256, "mine");
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "");
+    save(PKEY_ALG_RSA, PKEY_KEY_SERVER, key("rsa2048"), "");
+    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, key("p256"), "mine");
     const std::pair<EVP_PKEY *, EVP_PKEY *> found[] = {
-        {PKEY_GetHostKey(EVP_PKEY_RSA, ""), keys().rsa1024.get()},
-        {PKEY_GetServerKey(EVP_PKEY_RSA, ""), keys().rsa2048.get()},
-        {PKEY_GetHostKey(EVP_PKEY_EC, "mine"), keys().p256.get()},
-        {PKEY_LOCAL_GetLocKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, "mine"), keys().p256.get()}};
+        {PKEY_GetHostKey(EVP_PKEY_RSA, ""), key("rsa1024")},
+        {PKEY_GetServerKey(EVP_PKEY_RSA, ""), key("rsa2048")},
+        {PKEY_GetHostKey(EVP_PKEY_EC, "mine"), key("p256")},
+        {PKEY_LOCAL_GetLocKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, "mine"), key("p256")}};
     for (const auto &[got, want] : found) {
         EXPECT_EQ(EVP_PKEY_eq(got, want), 1);
         EVP_PKEY_free(got);
@@ -101,8 +90,8 @@ TEST_F(LookupTest, LookupsReturnTheStoredKeyOfEachKindAndName) {
 }
 
 TEST_F(LookupTest, LookupsGiveNothingForMissingWrongOrCorruptKeys) {
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa1024, "");
-    save(PKEY_ALG_DSA, PKEY_KEY_HOST, keys().dsa1024, "d1");
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "");
+    save(PKEY_ALG_DSA, PKEY_KEY_HOST, key("dsa1024"), "d1");
     for (EVP_PKEY *k : {PKEY_GetHostKey(EVP_PKEY_RSA, "none"), PKEY_GetHostKey(EVP_PKEY_EC, "d1"),
                         PKEY_GetHostKey(EVP_PKEY_ED25519, ""), PKEY_GetHostKey(-1, ""),
                         PKEY_GetServerKey(EVP_PKEY_RSA, ""),
@@ -121,13 +110,13 @@ TEST_F(LookupTest, LookupsGiveNothingForMissingWrongOrCorruptKeys) {
 }
 
 TEST_F(LookupTest, ServerKeyOfAnotherTypeIsRefusedBeforeTheMirrorIsMade) {
-    save(PKEY_ALG_RSA, PKEY_KEY_SERVER, keys().rsa1024, "");
+    save(PKEY_ALG_RSA, PKEY_KEY_SERVER, key("rsa1024"), "");
     fsys::remove_all(store.mem_dir(1) + "/pkey");
     EXPECT_EQ(PKEY_GetServerKey(EVP_PKEY_DSA, ""), nullptr);
     EXPECT_FALSE(fsys::exists(store.mem_dir(1) + "/pkey"));
     // An RSA lookup refills the mirror from flash and finds the key.
     EvpPkeyPtr got(PKEY_GetServerKey(EVP_PKEY_RSA, ""));
-    EXPECT_EQ(EVP_PKEY_eq(got.get(), keys().rsa1024.get()), 1);
+    EXPECT_EQ(EVP_PKEY_eq(got.get(), key("rsa1024")), 1);
 }
 
 TEST_F(LookupTest, FileNameGuardKeepsUserOperationsOutOfTheKeyStore) {
@@ -162,10 +151,10 @@ TEST_F(LookupTest, FileNameGuardKeepsUserOperationsOutOfTheKeyStore) {
 }
 
 TEST_F(LookupTest, SweepOutsideFipsModeRemovesMd5ProtectedKeysOnly) {
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa1024, "");       // MD5
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa2048, "old");    // MD5, large enough
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa1024, "new", true);  // SHA-256
-    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, keys().p192, "e", true);
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "");       // MD5
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa2048"), "old");    // MD5, large enough
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "new", true);  // SHA-256
+    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, key("p192"), "e", true);
     fsys::copy_file(dev("pkey/rsa/old.key"), dev("pkey/rsa/old.bak"));
 
     // Without a "pkey" directory in the path nothing is looked at; the store
@@ -181,14 +170,14 @@ TEST_F(LookupTest, SweepOutsideFipsModeRemovesMd5ProtectedKeysOnly) {
 }
 
 TEST_F(LookupTest, SweepInFipsModeRemovesKeysThePolicyRefuses) {
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa1024, "", true);
-    save(PKEY_ALG_RSA, PKEY_KEY_SERVER, keys().rsa1024, "", true);
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa2048, "big", true);
-    save(PKEY_ALG_DSA, PKEY_KEY_HOST, keys().dsa1024, "", true);
-    save(PKEY_ALG_DSA, PKEY_KEY_HOST, keys().dsa1024, "d", true);
-    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, keys().p192, "", true);
-    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, keys().p256, "p256", true);
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa1024, "md5");  // unreadable in FIPS mode
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "", true);
+    save(PKEY_ALG_RSA, PKEY_KEY_SERVER, key("rsa1024"), "", true);
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa2048"), "big", true);
+    save(PKEY_ALG_DSA, PKEY_KEY_HOST, key("dsa1024"), "", true);
+    save(PKEY_ALG_DSA, PKEY_KEY_HOST, key("dsa1024"), "d", true);
+    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, key("p192"), "", true);
+    save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, key("p256"), "p256", true);
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "md5");  // unreadable in FIPS mode
     std::ofstream(dev("pkey/rsa/junk.key")) << "not a key file";
 
     EXPECT_EQ(sweep(dev("pkey/"), true), 0);
@@ -200,7 +189,7 @@ TEST_F(LookupTest, SweepInFipsModeRemovesKeysThePolicyRefuses) {
 }
 
 TEST_F(LookupTest, SweepReportsTheEcdsaDirectoryOnly) {
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, keys().rsa1024, "r");
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "r");
     // No ecdsa directory: the result is the failed listing even though the
     // RSA directory was swept.
     EXPECT_LT(sweep(dev("pkey/"), false), 0);

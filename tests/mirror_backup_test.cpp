@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 
@@ -15,15 +14,10 @@
 
 namespace {
 
-using pkey::test::exit_code;
+namespace fsys = std::filesystem;
 using pkey::test::get;
 using pkey::test::put;
-using pkey::test::run;
-using pkey::test::spawn;
-
-namespace fsys = std::filesystem;
 using Tree = std::map<std::string, std::string>;  // relative path -> content
-
 
 // Every regular file below dir with its content; empty for a missing dir.
 Tree tree(const std::string &dir) {

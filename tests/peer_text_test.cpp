@@ -10,10 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <vector>
 
 #include "pkey_peer.h"
 #include "pkey_pubkey.h"
@@ -23,13 +20,9 @@
 
 namespace {
 
-using pkey::test::exit_code;
-using pkey::test::get;
-using pkey::test::put;
-using pkey::test::run;
-using pkey::test::spawn;
-
 using pkey::EvpPkeyPtr;
+using pkey::test::get;
+using pkey::test::run;
 using pkey::MallocPtr;
 
 enum class Form { kSsh2, kOpenSsh, kSsh1 };
@@ -62,12 +55,6 @@ std::string decimal_param(const EVP_PKEY *key, const char *name) {
     OPENSSL_free(dec);
     BN_free(bn);
     return out;
-}
-// "bits e n" of an RSA public key.
-std::string ssh1_of(const EVP_PKEY *key) {
-    const std::string e = decimal_param(key, OSSL_PKEY_PARAM_RSA_E);
-    return std::to_string(EVP_PKEY_get_bits(key)) + " " + e + " " +
-           decimal_param(key, OSSL_PKEY_PARAM_RSA_N);
 }
 bool same_key(const EVP_PKEY *got, const EVP_PKEY *want) {
     return got != nullptr && PKEY_CmpPubKey(got, want) == 1 && EVP_PKEY_eq(got, want) == 1;
@@ -110,18 +97,8 @@ TEST_F(PeerText, EveryFormOfRealToolsReadsToTheKeyItWasMadeFrom) {
              preproc("  public-key-code begin\r\n" + ssh2 + "public-key-code end ")},
             {"puttygen block", Form::kSsh2, putty2},
         };
-        for (const auto &f : forms) {
+        for (const auto &f : forms)
             EXPECT_TRUE(same_key(read_as(f.form, f.text).get(), original.get())) << f.what;
-        }
-        if (std::string(k.type) != "rsa") continue;
-        // SSH1 text from the PKCS#8 public key ssh-keygen exports.
-        const std::string pkcs8 = run("ssh-keygen -e -m PKCS8 -f " + priv + ".pub");
-        BIO *bio = BIO_new_mem_buf(pkcs8.data(), static_cast<int>(pkcs8.size()));
-        const EvpPkeyPtr exported(PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr));
-        BIO_free(bio);
-        ASSERT_TRUE(exported);
-        EXPECT_TRUE(same_key(read_as(Form::kSsh1, ssh1_of(exported.get()) + "\n").get(),
-                             original.get()));
     }
 }
 

@@ -1,14 +1,9 @@
 // Several processes on one store: writers and readers of one key, savers
-// killed mid-write, the peer key store under mixed operations; every single-bit
-// change of a key file; modes of key files and links planted in their place.
-// Each test prints its counts.
+// killed mid-write, the peer key store under mixed operations; modes of key
+// files and links planted in their place. Each test prints its counts.
 #include <gtest/gtest.h>
-#include <openssl/core_names.h>
-#include <openssl/obj_mac.h>
-#include <openssl/x509.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,13 +11,11 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <numeric>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "pkey_cfgmng.h"
 #include "pkey_local.h"
 #include "pkey_peer.h"
 #include "pkey_platform.h"
@@ -32,36 +25,14 @@
 
 namespace {
 
+using pkey::EvpPkeyPtr;
 using pkey::test::exit_code;
 using pkey::test::get;
 using pkey::test::put;
-using pkey::test::run;
+using pkey::test::same_pair;
 using pkey::test::spawn;
-
-namespace fsys = std::filesystem;
-using pkey::EvpPkeyPtr;
-using Bytes = std::vector<unsigned char>;
 using Pool = std::vector<EVP_PKEY *>;
 
-Bytes file_bytes(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-void write_bytes(const std::string &path, const Bytes &b) {
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), b.size());
-}
-mode_t mode_of(const std::string &path) {
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-// Public and private parts equal.
-bool same_pair(const EVP_PKEY *a, const EVP_PKEY *b) {
-    if (a == nullptr || b == nullptr || EVP_PKEY_eq(a, b) != 1) return false;
-    const char *priv =
-        EVP_PKEY_get_id(a) == EVP_PKEY_RSA ? OSSL_PKEY_PARAM_RSA_D : OSSL_PKEY_PARAM_PRIV_KEY;
-    const std::string mine = pkey::test::bn_param_hex(a, priv);
-    return !mine.empty() && mine == pkey::test::bn_param_hex(b, priv);
-}
 bool same_public(const EVP_PKEY *a, const EVP_PKEY *b) { return EVP_PKEY_eq(a, b) == 1; }
 template <typename Eq>
 bool one_of(const EvpPkeyPtr &got, const Pool &pool, Eq eq) {
@@ -91,24 +62,16 @@ long sum(const long (&a)[N]) { return std::accumulate(a, a + N, 0L); }
 
 class StressTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        for (int i = 0; i < 3; ++i) {
-            ec.push_back(PKEY_GenerateECKey(NID_X9_62_prime256v1));
-            rsa.push_back(PKEY_GenerateRSAKey(1024));
-        }
-    }
-    static void TearDownTestSuite() {
-        for (Pool *pool : {&ec, &rsa}) {
-            for (EVP_PKEY *k : *pool) EVP_PKEY_free(k);
-            pool->clear();
-        }
-    }
     std::string mem_file(const char *rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
     std::string dev_file(const char *rel) const { return store.work_dir(1) + "/" + rel; }
 
-    static inline Pool ec, rsa;  // every key any writer saves comes from here
     static inline const unsigned int seed = std::random_device{}();
     pkey::test::TempStore store;
+    // Every key any writer saves comes from here; made before any child is forked.
+    const Pool ec = {pkey::test::test_key("p256"), pkey::test::test_key("p256#2"),
+                     pkey::test::test_key("p256#3")};
+    const Pool rsa = {pkey::test::test_key("rsa1024"), pkey::test::test_key("rsa1024#2"),
+                      pkey::test::test_key("rsa1024#3")};
 };
 
 TEST_F(StressTest, ReadersOfAKeyThatTwoWritersKeepReplacingSeeOnlyWholeKeysOfThePool) {
@@ -200,12 +163,11 @@ TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLa
     std::vector<pid_t> kids;
     for (int p = 0; p < kProcs; ++p)
         kids.push_back(spawn([&, p] {
-            unsigned char *der = nullptr;
-            const int der_len = i2d_PUBKEY(keys[p], &der);
+            const std::vector<unsigned char> der = pkey::test::public_der(keys[p]);
             std::mt19937 rng(seed + p);
             auto expect = [&](bool ok) { ++c->calls[p], c->wrong[p] += !ok; };
             auto save = [&](const std::string &n) {
-                expect(PKEY_PEER_SavePeerPubKey(der, unsigned(der_len), n.c_str()) == 0);
+                expect(PKEY_PEER_SavePeerPubKey(der.data(), unsigned(der.size()), n.c_str()) == 0);
             };
             enum { kRemoved, kMissing, kEither };
             auto remove = [&](const std::string &n, int want) {
@@ -236,12 +198,11 @@ TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLa
             // Every process's last word: the first half saved, the second half removed.
             for (int s = 0; s < kShared; ++s)
                 s < kShared / 2 ? save(shared(s)) : remove(shared(s), kEither);
-            OPENSSL_free(der);
             return 0;
         }));
     for (pid_t pid : kids) EXPECT_EQ(exit_code(pid), 0);
 
-    std::vector<std::string> expected, listed;
+    std::vector<std::string> expected;
     for (int p = 0; p < kProcs; ++p)
         for (int i = 0; i < kOwn; i += 2)
             expected.push_back("p" + std::to_string(p) + "-" + std::to_string(i));
@@ -251,13 +212,7 @@ TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLa
         EXPECT_TRUE(one_of(k, keys, same_public)) << shared(s);
     }
     std::sort(expected.begin(), expected.end());
-    const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_READ);
-    unsigned int count = 0;
-    PKEY_NAME_LINK_S *head = PKEY_CFGMNG_GetSortedPeerKeyNameList(h, &count);
-    DBM_Close(h);
-    for (PKEY_NAME_LINK_S *l = head ? head->pstNext : nullptr; l && l != head; l = l->pstNext)
-        listed.push_back(reinterpret_cast<PKEY_NAME_NODE_S *>(l)->szName);
-    PKEY_CFGMNG_DestroySortedPeerKeyNameList(head);
+    const std::vector<std::string> listed = pkey::test::peer_names();
     EXPECT_EQ(listed, expected);  // nothing lost, nothing left behind
     EXPECT_EQ(sum(c->wrong), 0);
     std::printf("[ counts ] %d processes: %ld checked calls, %ld unexpected results; shared names "
@@ -266,77 +221,32 @@ TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLa
     munmap(c, sizeof *c);
 }
 
-TEST_F(StressTest, EverySingleBitFlipOutsideKindAndNameMakesTheLookupFail) {
-    EvpPkeyPtr dsa(PKEY_GenerateDSAKey(1024)), rsa2048(PKEY_GenerateRSAKey(2048));
-    struct Row { unsigned int alg; EVP_PKEY *key; const char *file; size_t sample; };
-    const Row rows[] = {{PKEY_ALG_ECDSA, ec[0], "ecdsakey", 0},
-                        {PKEY_ALG_DSA, dsa.get(), "dsakey", 0},
-                        {PKEY_ALG_RSA, rsa2048.get(), "hostkey", 2000}};
-    std::mt19937 rng(seed);
-    for (const Row &row : rows) {
-        ASSERT_EQ(save_host(row.alg, row.key), 0);
-        const std::string path = mem_file(row.file);
-        const Bytes good = file_bytes(path);
-        std::vector<size_t> bits;  // every bit outside bytes 8..73, or a random sample of them
-        for (size_t b = 0; b < good.size() * 8; ++b)
-            if (b / 8 < 8 || b / 8 > 73) bits.push_back(b);
-        if (row.sample != 0) {
-            std::shuffle(bits.begin(), bits.end(), rng);
-            bits.resize(std::min(bits.size(), row.sample));
-        }
-        size_t refused = 0;
-        for (size_t b : bits) {
-            Bytes bad = good;
-            bad[b / 8] ^= static_cast<unsigned char>(1u << (b % 8));
-            write_bytes(path, bad);
-            const bool read = host_key(row.alg) != nullptr;
-            refused += !read;
-            EXPECT_FALSE(read) << row.file << " byte " << b / 8 << " bit " << b % 8;
-        }
-        // Kind and name are outside the digest: a changed bit there still reads.
-        size_t still_read = 0;
-        for (size_t byte : {8u, 9u, 40u, 73u}) {
-            Bytes odd = good;
-            odd[byte] ^= 0x01;
-            write_bytes(path, odd);
-            still_read += same_pair(host_key(row.alg).get(), row.key);
-        }
-        EXPECT_EQ(still_read, 4u) << row.file;
-        write_bytes(path, good);
-        EXPECT_TRUE(same_pair(host_key(row.alg).get(), row.key));
-        std::printf("[ counts ] %s: %zu-byte file, %zu bits flipped, %zu lookups refused; %zu of 4 "
-                    "kind/name flips still read\n", row.file, good.size(), bits.size(), refused,
-                    still_read);
-    }
-}
-
 TEST_F(StressTest, SavedKeyFilesAndDirectoriesHaveTheirModesAndPlantedLinksAreNeverFollowed) {
     ASSERT_EQ(save_host(PKEY_ALG_ECDSA, ec[0]), 0);
     ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa[0], "perm-1"), 0);
     for (const std::string &file : {dev_file("ecdsakey"), mem_file("ecdsakey"),
                                     dev_file("pkey/rsa/perm-1.key"), mem_file("rsa/perm-1.key")})
-        EXPECT_EQ(mode_of(file), 0660u) << file;
+        EXPECT_EQ(pkey::test::mode_of(file), 0660u) << file;
     for (const std::string &dir : {dev_file("pkey"), dev_file("pkey/rsa"), mem_file(""),
                                    mem_file("rsa")})
-        EXPECT_EQ(mode_of(dir), 0770u) << dir;
+        EXPECT_EQ(pkey::test::mode_of(dir), 0770u) << dir;
 
     // The link target holds a valid image of another key, so following it would show.
     ASSERT_EQ(save_host(PKEY_ALG_RSA, rsa[1]), 0);
-    const Bytes other = file_bytes(mem_file("hostkey"));
-    const std::string target = store.root() + "/outside";
-    write_bytes(target, other);
+    const std::string other = get(mem_file("hostkey")), target = store.root() + "/outside";
+    put(target, other);
     for (const std::string &link : {dev_file("hostkey"), mem_file("hostkey")}) {
         ASSERT_EQ(save_host(PKEY_ALG_RSA, rsa[0]), 0);
-        fsys::remove(link);
-        fsys::create_symlink(target, link);
+        std::filesystem::remove(link);
+        std::filesystem::create_symlink(target, link);
         // Only the memory copy is read: a link there reads as no key; one in flash changes nothing.
         EvpPkeyPtr seen = host_key(PKEY_ALG_RSA);
         EXPECT_TRUE(link == mem_file("hostkey") ? !seen : same_pair(seen.get(), rsa[0])) << link;
         // The save fails at the link and takes the other copy with it; the target stays.
         EXPECT_NE(save_host(PKEY_ALG_RSA, rsa[2]), 0) << link;
-        EXPECT_EQ(file_bytes(target), other) << link;
+        EXPECT_EQ(get(target), other) << link;
         EXPECT_EQ(host_key(PKEY_ALG_RSA), nullptr) << link;
-        fsys::remove(link);
+        std::filesystem::remove(link);
     }
     std::printf("[ counts ] 4 key files 0660, 4 key directories 0770, 2 planted links refused\n");
 }

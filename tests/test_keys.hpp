@@ -1,14 +1,23 @@
-// test_keys.hpp - keys of exact sizes and curves for policy and encoding tests.
+// test_keys.hpp - key pairs shared by a test program, keys of exact sizes and
+// curves for policy and encoding tests, and comparisons of keys.
 #pragma once
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
 
+#include <cstdio>
+#include <map>
 #include <string>
+#include <vector>
 
+#include "pkey_local.h"
 #include "pkey_util.hpp"
+#include "test_util.hpp"
 
 namespace pkey::test {
 
@@ -69,6 +78,57 @@ inline std::string bn_param_hex(const EVP_PKEY *key, const char *name) {
     OPENSSL_free(hex);
     BN_free(bn);
     return out;
+}
+
+// A key pair by name: "rsa1024", "dsa2048", "p256" (p192, p384, p521); a suffix such
+// as "#2" names another key of the same kind. Each is made on first use and kept to
+// the end of the program, as generation is the slow part of most suites. Curves come
+// straight from OpenSSL, so the store's FIPS mode never refuses one. A forked child
+// shares only the keys its parent made before the fork.
+inline EVP_PKEY *test_key(const std::string &name) {
+    static std::map<std::string, EvpPkeyPtr> made;
+    EvpPkeyPtr &key = made[name];
+    if (!key) {
+        const std::string kind = name.substr(0, name.find('#'));
+        const auto bits = [&] { return static_cast<unsigned int>(std::stoul(kind.substr(3))); };
+        if (kind[0] == 'p') key.reset(EVP_EC_gen(("P-" + kind.substr(1)).c_str()));
+        else if (kind.starts_with("rsa")) key.reset(PKEY_GenerateRSAKey(bits()));
+        else if (kind.starts_with("dsa")) key.reset(PKEY_GenerateDSAKey(bits()));
+    }
+    return key.get();
+}
+
+// Public and private parts equal.
+inline bool same_pair(const EVP_PKEY *a, const EVP_PKEY *b) {
+    if (a == nullptr || b == nullptr || EVP_PKEY_eq(a, b) != 1) return false;
+    const char *priv =
+        EVP_PKEY_get_id(a) == EVP_PKEY_RSA ? OSSL_PKEY_PARAM_RSA_D : OSSL_PKEY_PARAM_PRIV_KEY;
+    const std::string mine = bn_param_hex(a, priv);
+    return !mine.empty() && mine == bn_param_hex(b, priv);
+}
+
+// The SubjectPublicKeyInfo DER of a key.
+inline std::vector<unsigned char> public_der(const EVP_PKEY *key) {
+    unsigned char *der = nullptr;
+    const int len = i2d_PUBKEY(key, &der);
+    std::vector<unsigned char> out(der, der + (len > 0 ? len : 0));
+    OPENSSL_free(der);
+    return out;
+}
+
+// "type base64" of a key's public line as ssh-keygen derives it from the private key
+// (written as PEM into dir); "" when ssh-keygen cannot.
+inline std::string ssh_keygen_public(const EVP_PKEY *key, const std::string &dir) {
+    const std::string pem = dir + "/ssh-keygen-input.pem";
+    FILE *f = std::fopen(pem.c_str(), "w");
+    if (f == nullptr) return "";
+    ::chmod(pem.c_str(), 0600);
+    PEM_write_PrivateKey(f, key, nullptr, nullptr, 0, nullptr, nullptr);
+    std::fclose(f);
+    const std::string line = run("ssh-keygen -y -f " + pem);
+    const size_t type_end = line.find(' ');
+    if (type_end == std::string::npos) return "";
+    return line.substr(0, line.find_first_of(" \r\n", type_end + 1));
 }
 
 }  // namespace pkey::test

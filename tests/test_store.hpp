@@ -13,8 +13,11 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "host_platform.h"
+#include "pkey_cfgmng.h"
+#include "pkey_platform.h"
 
 namespace pkey::test {
 
@@ -57,5 +60,19 @@ public:
 private:
     std::string root_;
 };
+
+// The peer key names of the current store, as the sorted name list gives them.
+inline std::vector<std::string> peer_names() {
+    const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_READ);
+    unsigned int count = 0;
+    PKEY_NAME_LINK_S *head = PKEY_CFGMNG_GetSortedPeerKeyNameList(h, &count);
+    DBM_Close(h);
+    std::vector<std::string> names;
+    for (PKEY_NAME_LINK_S *l = head ? head->pstNext : nullptr; l && l != head; l = l->pstNext)
+        names.push_back(reinterpret_cast<PKEY_NAME_NODE_S *>(l)->szName);
+    EXPECT_EQ(count, names.size());
+    PKEY_CFGMNG_DestroySortedPeerKeyNameList(head);
+    return names;
+}
 
 }  // namespace pkey::test

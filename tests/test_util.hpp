@@ -2,6 +2,7 @@
 // commands and child processes.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +24,12 @@ inline void put(const std::string &file, const std::string &content) {
 inline std::string get(const std::string &file) {
     std::ifstream in(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Permission bits of a file or directory; 0 when it does not exist.
+inline mode_t mode_of(const std::string &path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
 // Standard output of a shell command; "" when it fails.
