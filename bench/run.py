@@ -60,6 +60,8 @@ def timed(cmd_lists, reps):
 def fmt(us):
     if us is None:
         return "n/a"
+    if us < 0:
+        return "-" + fmt(-us)
     if us >= 1e6:
         return f"{us / 1e6:.2f} s"
     if us >= 1e3:
