@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <numeric>
 #include <vector>
 
 #include "pkey_cfgmng.h"
