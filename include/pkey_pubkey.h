@@ -67,6 +67,12 @@ PKEY_API unsigned int PKEY_PUBKEY_GetPubKeySize(const EVP_PKEY *key);
 PKEY_API int PKEY_PUBKEY_IsKeyMatchFipsMode(const EVP_PKEY *key);
 /* The crypto service's switch for the key type's algorithm, unchanged. */
 PKEY_API int PKEY_PUBKEY_IsEvpAglEnable(unsigned int evpType);
+/* 1 if the public key could belong to a real key pair of its algorithm, else
+ * 0: RSA needs an odd modulus n and an odd exponent e with 3 <= e < n; DSA
+ * needs 1 < g < p - 1 and 1 < y < p - 1 with g^q = y^q = 1 (mod p); EC needs
+ * a point of its named curve other than the point at infinity. Such a key
+ * says nothing about its size: the policy above does that. */
+PKEY_API int PKEY_PUBKEY_IsPublicKeyPossible(const EVP_PKEY *key);
 
 /* ---- Text, hex and length helpers ---------------------------------------- */
 
@@ -163,6 +169,14 @@ PKEY_API EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text);
 /* 1 if both keys hold the same public key (RSA n and e; DSA p, q, g, y; EC
  * point on the second key's group), else 0. */
 PKEY_API int PKEY_CmpPubKey(const EVP_PKEY *a, const EVP_PKEY *b);
+/* 1 if the Base64 text decodes to an SSH key buffer read the way OpenSSH
+ * reads one: a known type name ("ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp192",
+ * -256, -384, -521), its fields complete and nothing after the last, every
+ * mpint non-negative (leading zero bytes are accepted), an ECDSA curve name
+ * that matches the type name, and, when typeName is not NULL, a type name
+ * equal to it. Else 0. PKEY_PUBKEY_Base64toEvppkey itself is more lenient:
+ * it ignores bytes after the last field and reads mpints without a sign. */
+PKEY_API int PKEY_PUBKEY_IsBase64BlobStrict(const char *text, const char *typeName);
 
 /* Key buffer size bound per algorithm (rows of g_apfPKEYGetBufLenFromKey);
  * 0 when ssh2 is 0 or the key is not of the row's algorithm. */

@@ -27,21 +27,45 @@ extern "C" {
 #define HOST_API
 #endif
 
-/* Uses root as the store, creating it if missing. 0 on success, -1 on failure. */
+/*
+ * Choosing the store. Both calls check the store before they return: the
+ * root directory is made (HOST_Open only) and its settings file is read and
+ * verified. root NULL or "" means the default root ($PKEY_ROOT, else
+ * ./pkey-store). On failure the process has no usable store until a later
+ * call succeeds: every service fails, FIPS mode reads on and the memory alarm
+ * reads raised, so that nothing is generated, purged or written on the
+ * strength of settings that cannot be trusted. HOST_LastError says why.
+ */
+/* Uses root as the store, creating it (and its settings) if missing. 0 or -1. */
 HOST_API int HOST_Open(const char *root);
+/* Uses root as the store only when a store is there already (a directory
+ * holding a settings file); never creates anything. 0 or -1. */
+HOST_API int HOST_OpenExisting(const char *root);
 
+/*
+ * Errors. The first failure a platform service met on this thread since the
+ * last HOST_ClearError, as one line that names what failed and why (for
+ * example the database file and SQLite's message); "" when there was none.
+ * Verdicts are not failures: a record that is not there, a key file that does
+ * not decipher or a file name the store refuses record nothing.
+ */
+HOST_API const char *HOST_LastError(void);
+HOST_API void HOST_ClearError(void);
+
+/* Settings. Each returns 0, or -1 when the settings cannot be written
+ * (HOST_LastError says why). */
 /* FIPS mode: 1 on, 0 off, -1 follow the kernel's flag (the default). */
-HOST_API void HOST_SetFipsMode(int on);
+HOST_API int HOST_SetFipsMode(int on);
 /* Algorithm switch of CRYPTO_AlgoIsEnabled: 1 enabled, 0 disabled, -1 back to the default. */
-HOST_API void HOST_SetAlgoEnabled(unsigned int code, int enabled);
+HOST_API int HOST_SetAlgoEnabled(unsigned int code, int enabled);
 /* Memory alarm state; 0 is normal. */
-HOST_API void HOST_SetMemAlarm(int state);
+HOST_API int HOST_SetMemAlarm(int state);
 /* The running node (default 1); its slot is the same number. */
-HOST_API void HOST_SetSelfNode(unsigned short node);
+HOST_API int HOST_SetSelfNode(unsigned short node);
 /* Replaces the standby node list (at most 64 nodes; count 0 clears it). */
-HOST_API void HOST_SetStandbyNodes(const unsigned short *nodes, unsigned int count);
+HOST_API int HOST_SetStandbyNodes(const unsigned short *nodes, unsigned int count);
 /* Status of a node as DEV_GetDeviceStatusEx reports it (1 normal, the default). */
-HOST_API void HOST_SetNodeStatus(unsigned short node, int status);
+HOST_API int HOST_SetNodeStatus(unsigned short node, int status);
 
 #ifdef __cplusplus
 }

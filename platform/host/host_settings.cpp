@@ -294,42 +294,45 @@ int DEV_GetDeviceStatusEx(unsigned int node, unsigned int mask, int *status) {
     });
 }
 
-void HOST_SetFipsMode(int on) {
-    pkey::c_boundary_void([&] {
+int HOST_SetFipsMode(int on) {
+    return pkey::c_boundary(-1, [&] {
         update([&](SettingsLayout &s) { store(s.fips, on < 0 ? -1 : (on != 0 ? 1 : 0)); });
+        return 0;
     });
 }
 
-void HOST_SetAlgoEnabled(unsigned int code, int enabled) {
-    if (code >= kAlgoCodes) return;
-    pkey::c_boundary_void([&] {
+int HOST_SetAlgoEnabled(unsigned int code, int enabled) {
+    if (code >= kAlgoCodes) return -1;
+    return pkey::c_boundary(-1, [&] {
         update([&](SettingsLayout &s) {
             store(s.algo[code], enabled < 0 ? -1 : (enabled != 0 ? 1 : 0));
         });
+        return 0;
     });
 }
 
-void HOST_SetMemAlarm(int state) {
-    pkey::c_boundary_void([&] { update([&](SettingsLayout &s) { store(s.mem_alarm, state); }); });
+int HOST_SetMemAlarm(int state) {
+    return pkey::c_boundary(-1, [&] { update([&](SettingsLayout &s) { store(s.mem_alarm, state); }); return 0; });
 }
 
-void HOST_SetSelfNode(unsigned short node) {
-    pkey::c_boundary_void([&] { update([&](SettingsLayout &s) { store(s.self_node, node); }); });
+int HOST_SetSelfNode(unsigned short node) {
+    return pkey::c_boundary(-1, [&] { update([&](SettingsLayout &s) { store(s.self_node, node); }); return 0; });
 }
 
-void HOST_SetStandbyNodes(const unsigned short *nodes, unsigned int count) {
+int HOST_SetStandbyNodes(const unsigned short *nodes, unsigned int count) {
     if (nodes == nullptr) count = 0;
     count = std::min(count, kMaxStandby);
-    pkey::c_boundary_void([&] {
+    return pkey::c_boundary(-1, [&] {
         update([&](SettingsLayout &s) {
             for (unsigned int i = 0; i < count; ++i) store(s.standby[i], nodes[i]);
             store(s.standby_count, count);
         });
+        return 0;
     });
 }
 
-void HOST_SetNodeStatus(unsigned short node, int status) {
-    pkey::c_boundary_void([&] {
+int HOST_SetNodeStatus(unsigned short node, int status) {
+    return pkey::c_boundary(-1, [&] {
         update([&](SettingsLayout &s) {
             const unsigned int n = std::min(load(s.status_count), kMaxStatus);
             for (unsigned int i = 0; i < n; ++i) {
@@ -344,6 +347,7 @@ void HOST_SetNodeStatus(unsigned short node, int status) {
             store(s.status[n].node, node);
             store(s.status_count, n + 1);
         });
+        return 0;
     });
 }
 
