@@ -23,5 +23,14 @@ fi
 
 echo "deps: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The package mirror is sometimes caught mid-sync ("File has unexpected
+# size"); a later try usually finds it whole.
+for attempt in 1 2 3 4 5; do
+  if apt-get update -qq && apt-get install -y -qq --no-install-recommends "${missing[@]}"; then
+    exit 0
+  fi
+  echo "deps: attempt $attempt failed; trying again in $((attempt * 15)) s" >&2
+  sleep $((attempt * 15))
+done
+echo "deps: could not install ${missing[*]}" >&2
+exit 1
