@@ -57,7 +57,7 @@ expect 0 pk local create ecdsa --curve p521
 expect 0 pk local create ecdsa --curve p256 --name web-1
 expect 1 pk local create rsa --bits 3072
 contains "$work/err" "outside the policy"
-expect 1 pk local create rsa --name "bad_name"
+expect 2 pk local create rsa --name "bad_name"
 contains "$work/err" "bad key name"
 expect 0 pk local list --json --md5
 json_ok "$work/out"
@@ -75,7 +75,8 @@ same "$(ssh-keygen -i -m RFC4716 -f "$work/web.ssh2" | ssh-keygen -l -f - | awk 
      "wrapped ssh2 export"
 expect 0 pk local export rsa --format ssh1
 contains "$work/out" "rsa-key-"
-expect 1 pk local export dsa --format ssh1
+expect 2 pk local export dsa --format ssh1
+contains "$work/err" "RSA keys only"
 expect 2 pk local export rsa --format openssh --wrap
 expect 0 pk local show dsa
 contains "$work/out" "public-key-code begin"
@@ -144,8 +145,11 @@ expect 0 pk node standby remove 3
 expect 1 pk node standby remove 3
 
 # -- FIPS mode ------------------------------------------------------------------------
-expect 0 pk fips on
+expect 1 pk fips on
+contains "$work/err" "confirm with --yes"
+expect 0 pk fips on --yes
 contains "$work/out" "removed local rsa key hostkey(default)"
+contains "$work/out" "kept local ecdsa key ecdsakey(default)"
 contains "$work/out" "removed peer key dsa1024-pub"
 expect 0 pk fips status
 contains "$work/out" "FIPS mode: on"
@@ -153,7 +157,10 @@ expect 0 pk peer list
 grep -q "rsa2048-pub" "$work/out" && ok || bad "a 2048-bit peer key survives FIPS mode"
 grep -q "dsa1024" "$work/out" && bad "a 1024-bit DSA peer key survived FIPS mode" || ok
 expect 1 pk local create ecdsa --curve p192
-expect 0 pk local create ecdsa --curve p384
+expect 1 pk local create ecdsa --curve p384
+contains "$work/err" "--force"
+expect 0 pk local create ecdsa --curve p384 --force
+contains "$work/out" "replaced ecdsa key"
 expect 0 pk keygen ecdsa
 contains "$work/out" "256 bits"
 expect 0 pk fips off

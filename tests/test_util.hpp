@@ -2,15 +2,21 @@
 // commands and child processes.
 #pragma once
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace pkey::test {
 
@@ -53,6 +59,77 @@ inline int exit_code(pid_t pid) {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace pkey::test
+
+namespace pkey::test {
+
+// What a program run by run_program did: its exit code (-1 killed by a
+// signal, -2 still running at the deadline and killed), and its output.
+struct ProgramResult {
+    int code = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs argv[0] with the arguments, standard input from stdin_path, and
+// collects both outputs; a program still running after timeout_s seconds is
+// killed, so that a hang fails the test instead of stopping the suite.
+inline ProgramResult run_program(const std::vector<std::string> &argv, const std::string &stdin_path = "/dev/null",
+                                 int timeout_s = 60) {
+    ProgramResult r;
+    int out_pipe[2], err_pipe[2];
+    if (::pipe(out_pipe) != 0 || ::pipe(err_pipe) != 0) return r;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const int in = ::open(stdin_path.c_str(), O_RDONLY);
+        if (in < 0) _exit(127);
+        ::dup2(in, 0);
+        ::dup2(out_pipe[1], 1);
+        ::dup2(err_pipe[1], 2);
+        ::close(out_pipe[0]);
+        ::close(err_pipe[0]);
+        std::vector<char *> args;
+        for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        ::execv(args[0], args.data());
+        _exit(127);
+    }
+    ::close(out_pipe[1]);
+    ::close(err_pipe[1]);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
+    pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+    std::string *sinks[2] = {&r.out, &r.err};
+    int open_pipes = 2;
+    bool timed_out = false;
+    while (open_pipes > 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            timed_out = true;
+            break;
+        }
+        if (::poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR) break;
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+            char buf[4096];
+            const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<size_t>(n));
+            } else {
+                ::close(fds[i].fd);
+                fds[i].fd = -1;
+                --open_pipes;
+            }
+        }
+    }
+    if (timed_out) ::kill(pid, SIGKILL);
+    for (pollfd &f : fds)
+        if (f.fd >= 0) ::close(f.fd);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    r.code = timed_out ? -2 : (WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    return r;
 }
 
 }  // namespace pkey::test

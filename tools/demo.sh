@@ -71,12 +71,13 @@ echo; echo "\$ ls $store/node2/flash"
 ls "$store/node2/flash"
 
 echo; echo "== FIPS mode"
-run fips on
+run fips on --dry-run
+run fips on --yes
 run policy
 run local list
 run peer list
 refused local create rsa --bits 1024
-run local create ecdsa --curve p384
-run local create rsa --bits 2048
+refused local create ecdsa --curve p384
+run local create ecdsa --curve p384 --force
 run local list
 run fips off

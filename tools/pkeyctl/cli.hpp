@@ -1,9 +1,11 @@
-// cli.hpp - pkeyctl's command table, argument parsing and output helpers.
+// cli.hpp - pkeyctl's command table, argument parsing and the helpers every
+// command group shares.
 //
 // Every command is a row of one table: its words ("local create"), a usage
-// line, a help text, the options it takes and its handler. Parsing, --help of
-// every command and the exit codes (0 done, 1 refused or failed, 2 usage)
-// live here once, so the handlers only do their work.
+// line, a help text, the options it takes, whether it only reads the store,
+// and its handler. Parsing, --help of every group and command and the exit
+// codes (0 done, 1 refused or failed, 2 usage) live here once, so the handlers
+// only do their work.
 #pragma once
 
 #include <openssl/evp.h>
@@ -13,6 +15,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "pkey_util.hpp"
 
 namespace pkeyctl {
 
@@ -31,13 +35,17 @@ struct Args {
 };
 
 struct Command {
-    const char *words;     // "local create"
-    const char *usage;     // "rsa|dsa|ecdsa [--bits N] ..."
-    const char *help;      // what it does
-    const char *options;   // space-separated "--bits= --curve= --json"; "=" takes a value
+    const char *words;    // "local create"
+    const char *usage;    // "rsa|dsa|ecdsa [--bits N] ..."
+    const char *help;     // what it does
+    const char *options;  // space-separated "--bits= --curve= --json"; "=" takes a value
     int min_positional;
     int max_positional;
     int (*run)(const Args &);
+    // Which calls only read the store, so that a store that is not there is
+    // reported instead of created: nullptr never, "*" always, otherwise the
+    // first positional words that only read ("status", "list").
+    const char *read_only = nullptr;
 };
 
 // The tables of each command group.
@@ -50,7 +58,25 @@ int usage_error(const std::string &message);
 // A refusal or failure: one line on stderr naming what and why, exit code 1.
 int failure(const std::string &what, const std::string &why);
 
-// ---- algorithms and curves ----------------------------------------------------
+// ---- names, codes and text ---------------------------------------------------------
+
+// Local key names: 1 to 64 letters, digits and '-'. Peer key names: 1 to 64
+// printable characters without blanks. kOk, or a usage error (exit 2) naming
+// the rule, for a name that can never be valid.
+int check_local_name(const std::string &name);
+int check_peer_name(const std::string &name);
+// Text safe for a terminal and for one line: every byte outside the printable
+// ASCII range, and the backslash, as \xNN (the backslash as \\).
+std::string printable(std::string_view text);
+// A status code as the library and the platform document it: "0x40010001".
+std::string hex_code(unsigned int code);
+// The platform's first recorded failure since HOST_ClearError, "" when none.
+std::string platform_error();
+// "HH:MM:SS YYYY/MM/DD" as ISO 8601 ("YYYY-MM-DDTHH:MM:SS"); "" if malformed.
+std::string iso_time(const std::string &time_and_date);
+const char *mode_name();  // "FIPS" or "non-FIPS"
+
+// ---- algorithms and curves ------------------------------------------------------------
 
 struct Algorithm {
     const char *name;
@@ -68,7 +94,7 @@ const Curve *find_curve(std::string_view name);
 const std::vector<Algorithm> &algorithms();
 const std::vector<Curve> &curves();
 
-// ---- key descriptions -----------------------------------------------------------
+// ---- key descriptions -----------------------------------------------------------------
 
 // "SHA256:<unpadded base64>" / "MD5:aa:bb:..." of the key's SSH blob, as
 // ssh-keygen -l prints them; "-" when the key has no SSH form.
@@ -77,7 +103,52 @@ std::string fingerprint_md5(EVP_PKEY *key);
 // The DER public key as the key-code display, between its wrapper lines.
 std::string key_code_display(EVP_PKEY *key);
 
-// ---- JSON -------------------------------------------------------------------------
+// ---- files of the operator -----------------------------------------------------------
+
+// Public key texts are small; anything longer is not one.
+inline constexpr std::size_t kMaxKeyText = 64 * 1024;
+
+// Reads a key text from a regular file, or from standard input for "-", at
+// most kMaxKeyText bytes. false with one line in error otherwise (a
+// directory, a device, a stream that goes on, a NUL byte).
+bool read_key_text(const std::string &source, std::string &text, std::string &error);
+// Writes a user file outside the key store: the path goes through the
+// store's file-name guard, the file is replaced whole (written beside it and
+// renamed into place) with mode 0644. false with one line in error otherwise.
+bool write_user_file(const std::string &path, std::string_view bytes, std::string &error);
+
+// ---- the stored local keys ------------------------------------------------------------
+
+// One local key file of the store (its memory or flash copy is there) and
+// what reading it gave.
+struct StoredKey {
+    const Algorithm *alg = nullptr;
+    unsigned int kind = 0;  // PKEY_KEY_HOST or PKEY_KEY_SERVER
+    std::string name;       // "" for the default key of the kind
+    bool readable = false;
+    std::string problem;    // why it cannot be read, when it cannot
+    unsigned int bits = 0;
+    std::string created;    // "HH:MM:SS YYYY/MM/DD"
+    unsigned char protection = 0;
+    pkey::EvpPkeyPtr key;   // the key pair, when readable
+
+    // "hostkey(default)", "serverkey(default)" or the name, printable.
+    std::string display() const;
+};
+
+// Every key file of the store, for one algorithm or all: default host key,
+// the rsa server key, then named keys by name, from both copies' directories.
+// Directories that cannot be read add a line to errors.
+std::vector<StoredKey> stored_keys(const Algorithm *only, std::vector<std::string> &errors);
+// One key; nullopt when neither of its copies is there.
+std::optional<StoredKey> stored_key(const Algorithm &alg, unsigned int kind, const std::string &name);
+// Why writing or removing the key files of (alg, kind, name) failed, as
+// precisely as the files can tell.
+std::string write_problem(const Algorithm &alg, unsigned int kind, const std::string &name);
+// The display name of a key that is not read ("hostkey(default)" or name).
+std::string display_name(const Algorithm &alg, const std::string &name, unsigned int kind);
+
+// ---- JSON ---------------------------------------------------------------------------
 
 std::string json_string(std::string_view text);
 

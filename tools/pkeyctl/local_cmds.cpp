@@ -2,36 +2,57 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "cli.hpp"
+#include "host_platform.h"
 #include "pkey_fs.h"
 #include "pkey_local.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
-#include "pkey_util.hpp"
 
 namespace pkeyctl {
 namespace {
 
-constexpr unsigned int kDefaultBits = 2048;
+constexpr unsigned int kDefaultRsaBits = 2048;
+// OpenSSH reads DSA keys of 1024 bits only; below that it is the smallest
+// size the mode allows.
+constexpr unsigned int kOpenSshDsaBits = 1024;
 constexpr unsigned int kMaxPolicyBits = 2048;
+constexpr int kDefaultCurve = PKEY_NID_P256;  // P-192 keys are refused by OpenSSH
 constexpr size_t kWrapWidth = 70;
 
 const Algorithm *algorithm_arg(const Args &a, int *error) {
     const Algorithm *alg = find_algorithm(a.positional.at(0));
-    if (alg == nullptr) *error = usage_error("unknown algorithm '" + a.positional[0] + "' (rsa, dsa or ecdsa)");
+    if (alg == nullptr)
+        *error = usage_error("unknown algorithm '" + printable(a.positional[0]) + "' (rsa, dsa or ecdsa)");
     return alg;
 }
 
-std::string display_name(const Algorithm &alg, const std::string &name, unsigned int kind) {
-    return name.empty() ? std::string(PKEY_FS_GetPKEYDefaultKeyName(alg.alg_id, kind)) + "(default)"
-                        : name;
+// The --name of a command, checked: "" for the default key.
+int name_arg(const Args &a, std::string &name) {
+    name = a.get("--name");
+    if (!a.has("--name")) return kOk;
+    if (name.empty()) return usage_error("--name needs a key name (leave it out for the default key)");
+    return check_local_name(name);
+}
+
+std::string what(const char *verb, const Algorithm &alg) { return std::string("local ") + verb + " " + alg.name; }
+
+// A key that must be there and readable, or the failure that says why not.
+int require_readable(const char *verb, const Algorithm &alg, const std::string &name, StoredKey &out) {
+    std::optional<StoredKey> k = stored_key(alg, PKEY_KEY_HOST, name);
+    if (!k) return failure(what(verb, alg), "no key " + display_name(alg, name, PKEY_KEY_HOST));
+    if (!k->readable) return failure(what(verb, alg), "key " + k->display() + " is unreadable: " + k->problem);
+    out = std::move(*k);
+    return kOk;
 }
 
 // Runs work() while a spinner with the elapsed time turns on stderr, when
@@ -44,8 +65,7 @@ int with_progress(const std::string &label, Work work) {
     std::thread spinner([&] {
         static const char frames[] = "|/-\\";
         for (unsigned int tick = 0; !done.load(); ++tick) {
-            const double s =
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
             std::fprintf(stderr, "\r%c %s %.1fs", frames[tick % 4], label.c_str(), s);
             std::fflush(stderr);
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -62,12 +82,11 @@ int local_create(const Args &a) {
     int err = 0;
     const Algorithm *alg = algorithm_arg(a, &err);
     if (alg == nullptr) return err;
-    const std::string name = a.get("--name");
-    if (!name.empty() && PKEY_CheckLocalKeyName(name.c_str()) != 0)
-        return failure("local create", "bad key name '" + name + "' (letters, digits and '-' only)");
-    if (name.size() > PKEY_KEY_NAME_MAX) return failure("local create", "key names have at most 64 characters");
+    std::string name;
+    if (const int r = name_arg(a, name); r != kOk) return r;
     if (a.has("--curve") && alg->alg_id != PKEY_ALG_ECDSA) return usage_error("--curve is for ecdsa keys");
-    if (a.has("--bits") && alg->alg_id == PKEY_ALG_ECDSA) return usage_error("--bits is for rsa and dsa keys; ecdsa takes --curve");
+    if (a.has("--bits") && alg->alg_id == PKEY_ALG_ECDSA)
+        return usage_error("--bits is for rsa and dsa keys; ecdsa takes --curve");
 
     PKEY_KEYGEN_REQ_S request{};
     request.uiAlgId = alg->alg_id;
@@ -75,101 +94,108 @@ int local_create(const Args &a) {
     std::string label = std::string("generating ") + alg->name;
     if (alg->alg_id == PKEY_ALG_ECDSA) {
         const Curve *curve = a.has("--curve") ? find_curve(a.get("--curve")) : nullptr;
-        if (a.has("--curve") && curve == nullptr) return usage_error("unknown curve '" + a.get("--curve") + "'");
-        const int nid = curve != nullptr ? curve->nid : PKEY_PUBKEY_GetMinECKeyNid();
+        if (a.has("--curve") && curve == nullptr)
+            return usage_error("unknown curve '" + printable(a.get("--curve")) + "' (p192, p256, p384 or p521)");
+        const int nid = curve != nullptr ? curve->nid : kDefaultCurve;
         // The library's generator refuses a curve the mode does not allow;
         // saying why is the tool's part.
         if (PKEY_IsValidECDSACurve(nid) != 1)
-            return failure("local create ecdsa", std::string("curve ") + (curve ? curve->ssh_name : "?") +
-                                                     " is not allowed in " +
-                                                     (CRYPTO_FIPSIsEnabled() == 1 ? "FIPS" : "non-FIPS") + " mode");
+            return failure(what("create", *alg), std::string("curve ") + (curve ? curve->ssh_name : "?") +
+                                                     " is not allowed in " + mode_name() + " mode");
         request.uiCurveNid = static_cast<unsigned int>(nid);
     } else {
+        const unsigned int min_bits = PKEY_PUBKEY_GetMinKeyBits(alg->alg_id);
+        const unsigned int fallback =
+            alg->alg_id == PKEY_ALG_DSA ? std::max(kOpenSshDsaBits, min_bits) : kDefaultRsaBits;
+        const std::string bits_text = a.get("--bits", std::to_string(fallback));
         char *end = nullptr;
-        const std::string bits_text = a.get("--bits", std::to_string(kDefaultBits));
         const unsigned long bits = std::strtoul(bits_text.c_str(), &end, 10);
-        if (bits_text.empty() || *end != '\0' || bits > 65536) return usage_error("bad key size '" + bits_text + "'");
+        if (bits_text.empty() || *end != '\0' || bits_text[0] == '-' || bits > 65536)
+            return usage_error("bad key size '" + printable(bits_text) + "'");
         // The library stores whatever size it is given; the policy is the
         // configuration service's to apply first.
-        const unsigned int min_bits = PKEY_PUBKEY_GetMinKeyBits(alg->alg_id);
         if (bits < min_bits || bits > kMaxPolicyBits)
-            return failure(std::string("local create ") + alg->name,
-                           std::to_string(bits) + " bits is outside the policy (" + std::to_string(min_bits) +
-                               " to 2048 bits in " + (CRYPTO_FIPSIsEnabled() == 1 ? "FIPS" : "non-FIPS") + " mode)");
+            return failure(what("create", *alg), std::to_string(bits) + " bits is outside the policy (" +
+                                                     std::to_string(min_bits) + " to 2048 bits in " + mode_name() +
+                                                     " mode)");
         request.uiKeyBits = static_cast<unsigned int>(bits);
-        label += " " + bits_text;
+        label += " " + std::to_string(bits);
     }
+
+    const std::string shown = display_name(*alg, name, PKEY_KEY_HOST);
+    const std::optional<StoredKey> old = stored_key(*alg, PKEY_KEY_HOST, name);
+    if (old && !a.has("--force")) {
+        const std::string since = old->readable ? " (created " + old->created + ")" : " (unreadable)";
+        return failure(what("create", *alg), "key " + shown + " exists" + since + "; --force replaces it");
+    }
+    const bool had_server =
+        alg->alg_id == PKEY_ALG_RSA && name.empty() && stored_key(*alg, PKEY_KEY_SERVER, "").has_value();
+    if (Mem_Alert_GetCurrentState() != 0)
+        return failure(what("create", *alg), "the memory alarm is raised; no key is generated while it is");
+
+    HOST_ClearError();
     if (with_progress(label, [&] { return PKEY_LOCAL_GenerateKey(&request); }) != 0)
-        return failure(std::string("local create ") + alg->name,
-                       "generation or storing failed (memory alarm raised, or the store cannot be written)");
-    std::printf("created %s key %s\n", alg->name, display_name(*alg, name, PKEY_KEY_HOST).c_str());
+        return failure(what("create", *alg), "key " + shown + " was not stored: " + write_problem(*alg, PKEY_KEY_HOST, name));
+    std::printf("%s %s key %s\n", old ? "replaced" : "created", alg->name, shown.c_str());
     if (alg->alg_id == PKEY_ALG_RSA && name.empty() && CRYPTO_FIPSIsEnabled() != 1) {
         pkey::EvpPkeyPtr server(PKEY_GetServerKey(EVP_PKEY_RSA, ""));
-        if (server) std::printf("created rsa key serverkey(default), %u bits\n", PKEY_PUBKEY_GetKeyBits(server.get()));
+        if (server)
+            std::printf("%s rsa key serverkey(default), %u bits\n", had_server ? "replaced" : "created",
+                        PKEY_PUBKEY_GetKeyBits(server.get()));
     }
     return kOk;
 }
 
-struct Listed {
-    std::string name, algorithm, created, sha256, md5;
-    unsigned int bits = 0;
-};
-
-std::vector<Listed> list_keys(const Algorithm &alg, bool md5) {
-    std::vector<Listed> out;
-    PKEY_LOCAL_NEXT_HANDLE_S *handle = PKEY_LOCAL_GetNextInit(alg.alg_id);
-    PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetFirst(handle);
-    for (int index = 0; info != nullptr; ++index) {
-        if ((info->uiFlags & PKEY_INFO_HAS_KEY) != 0) {
-            // The first record is the host key; RSA's second is the server key.
-            const bool server = alg.alg_id == PKEY_ALG_RSA && index == 1;
-            const bool named = info->pstPosition != nullptr &&
-                               std::strstr(info->szName, "(default)") == nullptr;
-            pkey::EvpPkeyPtr key(server ? PKEY_GetServerKey(alg.evp_type, "")
-                                        : PKEY_GetHostKey(alg.evp_type, named ? info->szName : ""));
-            out.push_back({info->szName, alg.name, info->szTime, key ? fingerprint_sha256(key.get()) : "-",
-                           key && md5 ? fingerprint_md5(key.get()) : "", info->uiBits});
-        }
-        PKEY_LOCAL_KEY_INFO_S *next = PKEY_LOCAL_GetNext(handle, info);
-        PKEY_LOCAL_DestroyLocalKeyInfo(info);
-        info = next;
-    }
-    PKEY_LOCAL_GetNextFinal(handle);
-    return out;
-}
-
 int local_list(const Args &a) {
-    std::vector<const Algorithm *> algs;
+    const Algorithm *only = nullptr;
     if (!a.positional.empty()) {
         int err = 0;
-        if (const Algorithm *alg = algorithm_arg(a, &err)) algs.push_back(alg);
-        else return err;
-    } else {
-        for (const Algorithm &alg : algorithms()) algs.push_back(&alg);
+        if ((only = algorithm_arg(a, &err)) == nullptr) return err;
     }
     const bool md5 = a.has("--md5");
-    std::vector<Listed> keys;
-    for (const Algorithm *alg : algs)
-        for (Listed &k : list_keys(*alg, md5)) keys.push_back(std::move(k));
+    std::vector<std::string> errors;
+    HOST_ClearError();
+    const std::vector<StoredKey> keys = stored_keys(only, errors);
+    size_t unreadable = 0;
+    for (const StoredKey &k : keys) unreadable += k.readable ? 0 : 1;
+
     if (a.has("--json")) {
         std::printf("[");
         for (size_t i = 0; i < keys.size(); ++i) {
-            const Listed &k = keys[i];
-            std::printf("%s\n  {\"name\": %s, \"algorithm\": \"%s\", \"bits\": %u, \"created\": %s, "
-                        "\"sha256\": %s%s%s}",
-                        i ? "," : "", json_string(k.name).c_str(), k.algorithm.c_str(), k.bits,
-                        json_string(k.created).c_str(), json_string(k.sha256).c_str(),
-                        md5 ? ", \"md5\": " : "", md5 ? json_string(k.md5).c_str() : "");
+            const StoredKey &k = keys[i];
+            const std::string shown = k.name.empty() ? PKEY_FS_GetPKEYDefaultKeyName(k.alg->alg_id, k.kind) : k.name;
+            std::printf("%s\n  {\"name\": %s, \"default\": %s, \"kind\": \"%s\", \"algorithm\": \"%s\", ",
+                        i ? "," : "", json_string(shown).c_str(), k.name.empty() ? "true" : "false",
+                        k.kind == PKEY_KEY_SERVER ? "server" : "host", k.alg->name);
+            if (!k.readable) {
+                std::printf("\"readable\": false, \"problem\": %s}", json_string(k.problem).c_str());
+                continue;
+            }
+            std::printf("\"readable\": true, \"bits\": %u, \"created\": %s, \"sha256\": %s", k.bits,
+                        json_string(iso_time(k.created)).c_str(), json_string(fingerprint_sha256(k.key.get())).c_str());
+            if (md5) std::printf(", \"md5\": %s", json_string(fingerprint_md5(k.key.get())).c_str());
+            std::printf("}");
         }
         std::printf("%s]\n", keys.empty() ? "" : "\n");
-        return kOk;
+    } else {
+        std::printf("%-24s %-6s %5s  %-19s  %s\n", "NAME", "ALG", "BITS", "CREATED",
+                    md5 ? "FINGERPRINTS" : "FINGERPRINT");
+        for (const StoredKey &k : keys) {
+            if (!k.readable) {
+                std::printf("%-24s %-6s %5s  %-19s  UNREADABLE: %s\n", k.display().c_str(), k.alg->name, "-", "-",
+                            k.problem.c_str());
+                continue;
+            }
+            std::printf("%-24s %-6s %5u  %-19s  %s\n", k.display().c_str(), k.alg->name, k.bits, k.created.c_str(),
+                        fingerprint_sha256(k.key.get()).c_str());
+            if (md5) std::printf("%-24s %-6s %5s  %-19s  %s\n", "", "", "", "", fingerprint_md5(k.key.get()).c_str());
+        }
     }
-    std::printf("%-24s %-6s %5s  %-19s  %s\n", "NAME", "ALG", "BITS", "CREATED", md5 ? "FINGERPRINTS" : "FINGERPRINT");
-    for (const Listed &k : keys) {
-        std::printf("%-24s %-6s %5u  %-19s  %s\n", k.name.c_str(), k.algorithm.c_str(), k.bits, k.created.c_str(),
-                    k.sha256.c_str());
-        if (md5) std::printf("%-24s %-6s %5s  %-19s  %s\n", "", "", "", "", k.md5.c_str());
-    }
+    std::fflush(stdout);
+    if (!errors.empty()) return failure("local list", errors.front());
+    if (unreadable != 0)
+        return failure("local list", std::to_string(unreadable) + (unreadable == 1 ? " key is" : " keys are") +
+                                         " unreadable");
     return kOk;
 }
 
@@ -177,14 +203,17 @@ int local_show(const Args &a) {
     int err = 0;
     const Algorithm *alg = algorithm_arg(a, &err);
     if (alg == nullptr) return err;
-    const std::string name = a.get("--name");
+    std::string name;
+    if (const int r = name_arg(a, name); r != kOk) return r;
+    StoredKey k;
+    if (const int r = require_readable("show", *alg, name, k); r != kOk) return r;
     PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetLocPubKeyInfo(alg->alg_id, PKEY_KEY_HOST, name.c_str());
     if (info == nullptr || (info->uiFlags & PKEY_INFO_HAS_KEY) == 0) {
         PKEY_LOCAL_DestroyLocalKeyInfo(info);
-        return failure(std::string("local show ") + alg->name, "no readable key " + display_name(*alg, name, PKEY_KEY_HOST));
+        return failure(what("show", *alg), "key " + k.display() + " could not be described");
     }
-    std::printf("%s %s %u bits, created %s\npublic-key-code begin%spublic-key-code end\n", info->szName, alg->name,
-                info->uiBits, info->szTime, info->pcPubKeyText);
+    std::printf("%s %s %u bits, created %s\npublic-key-code begin%spublic-key-code end\n",
+                printable(info->szName).c_str(), alg->name, info->uiBits, info->szTime, info->pcPubKeyText);
     PKEY_LOCAL_DestroyLocalKeyInfo(info);
     return kOk;
 }
@@ -213,26 +242,27 @@ int local_export(const Args &a) {
     for (const auto &[text, value] : forms)
         if (text == form) format = value, known = true;
     if (!known) return usage_error("local export needs --format ssh1, ssh2 or openssh");
+    if (format == PKEY_EXPORT_SSH1 && alg->alg_id != PKEY_ALG_RSA)
+        return usage_error(std::string("the ssh1 form holds RSA keys only; export the ") + alg->name +
+                           " key as ssh2 or openssh");
     if (a.has("--wrap") && format != PKEY_EXPORT_SSH2) return usage_error("--wrap is for the ssh2 form");
-    const std::string name = a.get("--name");
-    const std::string out = a.get("--out");
-    const std::string what = std::string("local export ") + alg->name;
-    if (!a.has("--wrap")) {
-        // Exactly the library's text, printed or written by the library.
-        if (PKEY_LOCAL_ExportPubKey(alg->alg_id, name.c_str(), format, out.c_str()) != 0)
-            return failure(what, "no readable key " + display_name(*alg, name, PKEY_KEY_HOST) + " with a " + form +
-                                     " form" + (out.empty() ? "" : ", or " + out + " cannot be written"));
-        return kOk;
-    }
+    std::string name;
+    if (const int r = name_arg(a, name); r != kOk) return r;
+    const std::string out = a.get("--out", "-");
+    if (out.empty()) return usage_error("--out needs a file name, or - for standard output");
+
+    StoredKey k;
+    if (const int r = require_readable("export", *alg, name, k); r != kOk) return r;
     pkey::MallocPtr<char> text(PKEY_LOCAL_GetPubKeyValue(alg->alg_id, format, name.c_str()));
-    if (!text) return failure(what, "no readable key " + display_name(*alg, name, PKEY_KEY_HOST));
-    const std::string wrapped = wrap_ssh2(text.get());
-    if (out.empty()) {
-        std::printf("%s\r\n", wrapped.c_str());
+    if (!text) return failure(what("export", *alg), "key " + k.display() + " has no " + form + " form");
+    const std::string body = a.has("--wrap") ? wrap_ssh2(text.get()) : std::string(text.get());
+    if (out == "-") {
+        // The console form: the text and one more line end.
+        std::printf("%s\r\n", body.c_str());
         return kOk;
     }
-    if (PKEY_FS_WriteDataToVFS(wrapped.data(), static_cast<unsigned>(wrapped.size()), out.c_str()) != 0)
-        return failure(what, out + " cannot be written");
+    std::string error;
+    if (!write_user_file(out, body, error)) return failure(what("export", *alg), error);
     return kOk;
 }
 
@@ -240,40 +270,57 @@ int local_destroy(const Args &a) {
     int err = 0;
     const Algorithm *alg = algorithm_arg(a, &err);
     if (alg == nullptr) return err;
-    const std::string name = a.get("--name");
-    if (name.size() >= PKEY_KEYGEN_NAME_LEN) return failure("local destroy", "no such key name");
+    std::string name;
+    if (const int r = name_arg(a, name); r != kOk) return r;
+    const std::string shown = display_name(*alg, name, PKEY_KEY_HOST);
+    if (!stored_key(*alg, PKEY_KEY_HOST, name)) return failure(what("destroy", *alg), "no key " + shown);
     PKEY_KEYGEN_REQ_S request{};
     request.uiAlgId = alg->alg_id;
     std::snprintf(request.szKeyName, sizeof request.szKeyName, "%s", name.c_str());
-    const bool existed = PKEY_LOCAL_IsKeyExist(alg->alg_id, name.c_str()) == 1;
-    if (PKEY_LOCAL_DestroyKey(&request) != 0) return failure(std::string("local destroy ") + alg->name, "a key file could not be removed");
-    if (!existed) return failure(std::string("local destroy ") + alg->name, "no key " + display_name(*alg, name, PKEY_KEY_HOST));
-    std::printf("destroyed %s key %s%s\n", alg->name, display_name(*alg, name, PKEY_KEY_HOST).c_str(),
+    HOST_ClearError();
+    if (PKEY_LOCAL_DestroyKey(&request) != 0)
+        return failure(what("destroy", *alg), "key " + shown + " was not removed: " + write_problem(*alg, PKEY_KEY_HOST, name));
+    std::printf("destroyed %s key %s%s\n", alg->name, shown.c_str(),
                 alg->alg_id == PKEY_ALG_RSA && name.empty() ? " and its server key" : "");
     return kOk;
 }
 
 int local_renew_server_key(const Args &) {
+    const Algorithm &rsa = *find_algorithm("rsa");
+    const std::optional<StoredKey> server = stored_key(rsa, PKEY_KEY_SERVER, "");
+    const std::optional<StoredKey> host = stored_key(rsa, PKEY_KEY_HOST, "");
+    if (!(server && server->readable) && !(host && host->readable))
+        return failure("local renew-server-key", "there is neither a readable server key nor an rsa host key to size it by");
+    if (Mem_Alert_GetCurrentState() != 0)
+        return failure("local renew-server-key", "the memory alarm is raised; no key is generated while it is");
+    HOST_ClearError();
     const int r = with_progress("generating the rsa server key", [] { return PKEY_UpdateServerKey(EVP_PKEY_RSA, ""); });
-    if (r != 0) return failure("local renew-server-key", "there is neither a server key nor an rsa host key to size it by");
-    pkey::EvpPkeyPtr server(PKEY_GetServerKey(EVP_PKEY_RSA, ""));
-    std::printf("renewed rsa key serverkey(default), %u bits\n", server ? PKEY_PUBKEY_GetKeyBits(server.get()) : 0u);
+    if (r != 0)
+        return failure("local renew-server-key", "the server key was not stored: " + write_problem(rsa, PKEY_KEY_SERVER, ""));
+    pkey::EvpPkeyPtr renewed(PKEY_GetServerKey(EVP_PKEY_RSA, ""));
+    std::printf("renewed rsa key serverkey(default), %u bits\n", renewed ? PKEY_PUBKEY_GetKeyBits(renewed.get()) : 0u);
     return kOk;
 }
 
 const std::vector<Command> kLocal = {
-    {"local create", "rsa|dsa|ecdsa [--bits N] [--curve p192|p256|p384|p521] [--name NAME]",
-     "create and store a host key (or a named key pair); the default rsa host key brings its server key",
-     "--bits= --curve= --name=", 1, 1, local_create},
+    {"local create", "rsa|dsa|ecdsa [--bits N] [--curve p192|p256|p384|p521] [--name NAME] [--force]",
+     "create and store a host key (or a named key pair); the default rsa host key brings its server key. "
+     "Defaults: rsa 2048 bits, dsa 1024 bits (2048 in FIPS mode), ecdsa p256. A key that exists is "
+     "kept unless --force replaces it",
+     "--bits= --curve= --name= --force", 1, 1, local_create},
     {"local list", "[rsa|dsa|ecdsa] [--md5] [--json]",
-     "list stored key pairs with bits, creation time and fingerprints", "--md5 --json", 0, 1, local_list},
+     "list stored key pairs with bits, creation time and fingerprints; a key that cannot be read is "
+     "listed as unreadable with the reason, and the exit status is 1",
+     "--md5 --json", 0, 1, local_list, "*"},
     {"local show", "rsa|dsa|ecdsa [--name NAME]", "a stored public key as the hexadecimal key-code display",
-     "--name=", 1, 1, local_show},
-    {"local export", "rsa|dsa|ecdsa --format ssh1|ssh2|openssh [--name NAME] [--out FILE] [--wrap]",
-     "a stored public key in an export form (--wrap: ssh2 body in lines of 70)", "--format= --name= --out= --wrap", 1,
-     1, local_export},
+     "--name=", 1, 1, local_show, "*"},
+    {"local export", "rsa|dsa|ecdsa --format ssh1|ssh2|openssh [--name NAME] [--out FILE|-] [--wrap]",
+     "a stored public key in an export form, on standard output or in FILE (never a file of the key "
+     "store); --wrap puts the ssh2 body in lines of 70",
+     "--format= --name= --out= --wrap", 1, 1, local_export, "*"},
     {"local destroy", "rsa|dsa|ecdsa [--name NAME]",
-     "destroy a key pair (the default rsa host key takes its server key with it)", "--name=", 1, 1, local_destroy},
+     "destroy a key pair (the default rsa host key takes its server key with it)", "--name=", 1, 1,
+     local_destroy},
     {"local renew-server-key", "", "replace the rsa server key by a new one of the same size", "", 0, 0,
      local_renew_server_key},
 };

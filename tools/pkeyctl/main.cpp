@@ -2,39 +2,37 @@
 //
 // Every action goes through the library's exported functions; the host
 // platform's control API only chooses the store and switches its settings.
-#include <openssl/evp.h>
-#include <openssl/obj_mac.h>
-#include <openssl/x509.h>
-
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <vector>
 
 #include "cli.hpp"
 #include "host_platform.h"
-#include "pkey_pubkey.h"
-#include "pkey_util.hpp"
 
 namespace pkeyctl {
 namespace {
 
 constexpr const char *kVersion = "0.1.0";
 
-const std::vector<Algorithm> kAlgorithms = {
-    {"rsa", EVP_PKEY_RSA, PKEY_ALG_RSA},
-    {"dsa", EVP_PKEY_DSA, PKEY_ALG_DSA},
-    {"ecdsa", EVP_PKEY_EC, PKEY_ALG_ECDSA}};
-const std::vector<Curve> kCurves = {{"p192", "nistp192", NID_X9_62_prime192v1},
-                                    {"p256", "nistp256", NID_X9_62_prime256v1},
-                                    {"p384", "nistp384", NID_secp384r1},
-                                    {"p521", "nistp521", NID_secp521r1}};
-
 std::vector<const Command *> all_commands() {
     std::vector<const Command *> all;
     for (const auto *group : {&local_commands(), &peer_commands(), &system_commands()})
         for (const Command &c : *group) all.push_back(&c);
     return all;
+}
+
+std::vector<std::string> words_of(const char *text) {
+    std::vector<std::string> words;
+    for (const char *w = text; *w != '\0';) {
+        const char *end = std::strchr(w, ' ');
+        const size_t n = end != nullptr ? static_cast<size_t>(end - w) : std::strlen(w);
+        words.emplace_back(w, n);
+        w += n + (end != nullptr ? 1 : 0);
+    }
+    return words;
 }
 
 // Prints text in lines of at most 78 columns, each indented.
@@ -55,19 +53,24 @@ void print_wrapped(const std::string &text, size_t indent) {
     if (!line.empty()) std::printf("%*s%s\n", static_cast<int>(indent), "", line.c_str());
 }
 
+void print_commands(const std::vector<const Command *> &commands) {
+    for (const Command *c : commands) {
+        std::printf("  %s %s\n", c->words, c->usage);
+        print_wrapped(c->help, 6);
+    }
+}
+
 void print_overview() {
     std::printf("usage: pkeyctl [--root DIR] COMMAND [ARGS]\n\n"
                 "Manages the SSH keys of a device store on this host: the device's own key\n"
                 "pairs, the public keys of remote users, the FIPS mode and standby nodes.\n\n"
                 "commands:\n");
-    for (const Command *c : all_commands()) {
-        std::printf("  %s %s\n", c->words, c->usage);
-        print_wrapped(c->help, 6);
-    }
+    print_commands(all_commands());
     std::printf("\noptions:\n"
                 "  --root DIR    the store (default: $PKEY_ROOT, else ./pkey-store)\n"
-                "  --help        this text; COMMAND --help describes one command\n"
-                "  --version     the program's version\n\n"
+                "  --help        this text; GROUP --help and COMMAND --help describe a part\n"
+                "  --version     the program's version\n"
+                "Options take their value as '--opt value' or '--opt=value'; '--' ends them.\n\n"
                 "exit status: 0 done, 1 refused or failed, 2 usage error\n");
 }
 
@@ -76,22 +79,48 @@ void print_command_help(const Command &c) {
     print_wrapped(c.help, 2);
 }
 
-// Splits a command's arguments into positional words and its known options.
+// The commands whose words begin with prefix ("local", "node standby").
+std::vector<const Command *> group_of(const std::vector<std::string> &prefix) {
+    std::vector<const Command *> group;
+    for (const Command *c : all_commands()) {
+        const std::vector<std::string> words = words_of(c->words);
+        if (words.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), words.begin()))
+            group.push_back(c);
+    }
+    return group;
+}
+
+bool is_help(const std::string &w) { return w == "--help" || w == "-h"; }
+
+// Splits a command's arguments into positional words and its known options;
+// "--opt=value" is "--opt value", and "--" makes every later word positional.
 int parse(const Command &c, const std::vector<std::string> &words, Args &out) {
     const std::string allowed = std::string(" ") + c.options + " ";
+    bool options_done = false;
     for (size_t i = 0; i < words.size(); ++i) {
         const std::string &w = words[i];
-        if (w.size() > 2 && w.compare(0, 2, "--") == 0) {
-            if (allowed.find(" " + w + " ") != std::string::npos) {
-                out.options[w] = "";
-            } else if (allowed.find(" " + w + "= ") != std::string::npos) {
-                if (i + 1 >= words.size()) return usage_error(w + " needs a value");
-                out.options[w] = words[++i];
+        if (options_done || w.size() <= 2 || w.compare(0, 2, "--") != 0) {
+            out.positional.push_back(w);
+            continue;
+        }
+        if (w == "--") {
+            options_done = true;
+            continue;
+        }
+        const size_t eq = w.find('=');
+        const std::string option = w.substr(0, eq);
+        if (allowed.find(" " + option + " ") != std::string::npos) {
+            if (eq != std::string::npos) return usage_error(option + " takes no value");
+            out.options[option] = "";
+        } else if (allowed.find(" " + option + "= ") != std::string::npos) {
+            if (eq != std::string::npos) {
+                out.options[option] = w.substr(eq + 1);
             } else {
-                return usage_error(std::string("unknown option '") + w + "' for " + c.words);
+                if (i + 1 >= words.size()) return usage_error(option + " needs a value");
+                out.options[option] = words[++i];
             }
         } else {
-            out.positional.push_back(w);
+            return usage_error("unknown option '" + option + "' for " + c.words);
         }
     }
     const auto n = static_cast<int>(out.positional.size());
@@ -100,122 +129,19 @@ int parse(const Command &c, const std::vector<std::string> &words, Args &out) {
     return kOk;
 }
 
-}  // namespace
-
-int usage_error(const std::string &message) {
-    std::fprintf(stderr, "pkeyctl: %s\n(try 'pkeyctl --help')\n", message.c_str());
-    return kUsage;
+bool only_reads(const Command &c, const Args &a) {
+    if (c.read_only == nullptr) return false;
+    const std::vector<std::string> actions = words_of(c.read_only);
+    if (actions.size() == 1 && actions[0] == "*") return true;
+    if (a.positional.empty()) return false;
+    return std::find(actions.begin(), actions.end(), a.positional[0]) != actions.end();
 }
 
-int failure(const std::string &what, const std::string &why) {
-    std::fprintf(stderr, "pkeyctl: %s: %s\n", what.c_str(), why.c_str());
-    return kFailed;
-}
-
-const std::vector<Algorithm> &algorithms() { return kAlgorithms; }
-const std::vector<Curve> &curves() { return kCurves; }
-
-const Algorithm *find_algorithm(std::string_view name) {
-    for (const auto &a : kAlgorithms)
-        if (name == a.name) return &a;
-    return nullptr;
-}
-const Algorithm *algorithm_of(const EVP_PKEY *key) {
-    for (const auto &a : kAlgorithms)
-        if (key != nullptr && EVP_PKEY_get_id(key) == a.evp_type) return &a;
-    return nullptr;
-}
-const Curve *find_curve(std::string_view name) {
-    for (const auto &c : kCurves)
-        if (name == c.option || name == c.ssh_name) return &c;
-    return nullptr;
-}
-
-namespace {
-
-// The SSH blob of a key, decoded from the library's Base64.
-std::vector<unsigned char> ssh_blob(EVP_PKEY *key) {
-    unsigned int len = 0;
-    pkey::MallocPtr<char> b64(PKEY_PUBKEY_EvppkeyToBase64(key, 1, &len));
-    if (!b64) return {};
-    const size_t text_len = std::strlen(b64.get());
-    std::vector<unsigned char> blob(text_len);
-    int n = EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(b64.get()),
-                            static_cast<int>(text_len));
-    if (n < 0) return {};
-    for (size_t i = text_len; i > 0 && b64.get()[i - 1] == '='; --i) --n;  // padding
-    blob.resize(static_cast<size_t>(n));
-    return blob;
-}
-
-}  // namespace
-
-std::string fingerprint_sha256(EVP_PKEY *key) {
-    const std::vector<unsigned char> blob = ssh_blob(key);
-    if (blob.empty()) return "-";
-    unsigned char digest[32];
-    EVP_Digest(blob.data(), blob.size(), digest, nullptr, EVP_sha256(), nullptr);
-    unsigned char text[64];
-    std::string out(reinterpret_cast<char *>(text), EVP_EncodeBlock(text, digest, sizeof digest));
-    while (!out.empty() && out.back() == '=') out.pop_back();
-    return "SHA256:" + out;
-}
-
-std::string fingerprint_md5(EVP_PKEY *key) {
-    const std::vector<unsigned char> blob = ssh_blob(key);
-    if (blob.empty()) return "-";
-    unsigned char digest[16];
-    if (EVP_Digest(blob.data(), blob.size(), digest, nullptr, EVP_md5(), nullptr) != 1) return "-";
-    std::string out = "MD5";
-    char byte[4];
-    for (unsigned char b : digest) {
-        std::snprintf(byte, sizeof byte, ":%02x", b);
-        out += byte;
-    }
-    return out;
-}
-
-std::string key_code_display(EVP_PKEY *key) {
-    unsigned char *der = nullptr;
-    const int len = i2d_PUBKEY(key, &der);
-    pkey::OpensslPtr<> owner(der);
-    pkey::MallocPtr<char> text(len > 0 ? PKEY_PUBKEY_DER2BdrnBuf(der, static_cast<unsigned>(len))
-                                       : nullptr);
-    return std::string("public-key-code begin") + (text ? text.get() : "\r\n") +
-           "public-key-code end\r\n";
-}
-
-std::string json_string(std::string_view text) {
-    std::string out = "\"";
-    for (const unsigned char c : text) {
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            default:
-                if (c < 0x20 || c >= 0x7F) {
-                    char esc[8];
-                    std::snprintf(esc, sizeof esc, "\\u%04x", c);
-                    out += esc;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out + "\"";
-}
-
-}  // namespace pkeyctl
-
-int main(int argc, char **argv) {
-    using namespace pkeyctl;
-    const std::vector<std::string> args(argv + 1, argv + argc);
+int run(const std::vector<std::string> &args) {
     std::string root;
     size_t i = 0;
     for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
-        if (args[i] == "--help" || args[i] == "-h") {
+        if (is_help(args[i])) {
             print_overview();
             return kOk;
         }
@@ -223,9 +149,15 @@ int main(int argc, char **argv) {
             std::printf("pkeyctl %s\n", kVersion);
             return kOk;
         }
-        if (args[i] != "--root") return usage_error("unknown option '" + args[i] + "'");
-        if (i + 1 >= args.size()) return usage_error("--root needs a directory");
-        root = args[++i];
+        if (args[i].rfind("--root=", 0) == 0) {
+            root = args[i].substr(7);
+        } else if (args[i] == "--root") {
+            if (i + 1 >= args.size()) return usage_error("--root needs a directory");
+            root = args[++i];
+        } else {
+            return usage_error("unknown option '" + args[i] + "'");
+        }
+        if (root.empty()) return usage_error("--root needs a directory");
     }
     if (i >= args.size()) return usage_error("no command given");
 
@@ -233,12 +165,7 @@ int main(int argc, char **argv) {
     const Command *command = nullptr;
     size_t used = 0;
     for (const Command *c : all_commands()) {
-        std::vector<std::string> words;
-        for (const char *w = c->words; *w != '\0';) {
-            const char *end = std::strchr(w, ' ');
-            words.emplace_back(w, end != nullptr ? static_cast<size_t>(end - w) : std::strlen(w));
-            w = end != nullptr ? end + 1 : w + std::strlen(w);
-        }
+        const std::vector<std::string> words = words_of(c->words);
         if (words.size() > used && i + words.size() <= args.size() &&
             std::equal(words.begin(), words.end(), args.begin() + static_cast<long>(i))) {
             command = c;
@@ -246,19 +173,68 @@ int main(int argc, char **argv) {
         }
     }
     if (command == nullptr) {
-        const std::string word = args[i] + (i + 1 < args.size() ? " " + args[i + 1] : "");
+        // A group: "local --help" describes it; "local frobnicate" lists it.
+        std::vector<std::string> prefix;
+        std::vector<const Command *> group;
+        for (size_t j = i; j < args.size() && args[j].rfind("-", 0) != 0; ++j) {
+            prefix.push_back(args[j]);
+            std::vector<const Command *> wider = group_of(prefix);
+            if (wider.empty()) {
+                prefix.pop_back();
+                break;
+            }
+            group = std::move(wider);
+        }
+        const size_t next = i + prefix.size();
+        if (!group.empty() && next < args.size() && is_help(args[next])) {
+            std::printf("usage: pkeyctl [--root DIR] COMMAND [ARGS]\n\n%s commands:\n",
+                        printable(args[i]).c_str());
+            print_commands(group);
+            return kOk;
+        }
+        std::string word = printable(args[i]);
+        if (i + 1 < args.size()) word += " " + printable(args[i + 1]);
+        if (!group.empty()) {
+            std::string names;
+            for (const Command *c : group) names += std::string(names.empty() ? "" : ", ") + c->words;
+            return usage_error("unknown command '" + word + "' (there are: " + names + ")");
+        }
         return usage_error("unknown command '" + word + "'");
     }
     const std::vector<std::string> rest(args.begin() + static_cast<long>(i + used), args.end());
     for (const auto &w : rest) {
-        if (w == "--help" || w == "-h") {
+        if (w == "--") break;
+        if (is_help(w)) {
             print_command_help(*command);
             return kOk;
         }
     }
     Args parsed;
     if (const int r = parse(*command, rest, parsed); r != kOk) return r;
-    if (!root.empty() && HOST_Open(root.c_str()) != 0)
-        return failure("--root " + root, "the store cannot be opened or created");
+
+    // Commands that only read never create a store; every command refuses a
+    // store whose settings cannot be trusted.
+    HOST_ClearError();
+    const char *root_arg = root.empty() ? nullptr : root.c_str();
+    const int opened = only_reads(*command, parsed) ? HOST_OpenExisting(root_arg) : HOST_Open(root_arg);
+    if (opened != 0) {
+        const std::string why = platform_error();
+        return failure(command->words, why.empty() ? "the store cannot be opened" : why);
+    }
     return command->run(parsed);
+}
+
+}  // namespace
+}  // namespace pkeyctl
+
+int main(int argc, char **argv) {
+    using namespace pkeyctl;
+    try {
+        return run(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "pkeyctl: internal error: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "pkeyctl: internal error\n");
+    }
+    return kFailed;
 }

@@ -1,10 +1,13 @@
 // pkeyctl policy, keygen, fips, backup and node: the mode and the device.
+#include <openssl/x509.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -16,17 +19,14 @@
 #include "pkey_local.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
-#include "pkey_util.hpp"
 
 namespace pkeyctl {
 namespace {
 
 bool fips_on() { return CRYPTO_FIPSIsEnabled() == 1; }
-const char *mode_name() { return fips_on() ? "FIPS" : "non-FIPS"; }
 
 int policy(const Args &) {
-    std::printf("mode: %s\n%-6s %-8s %-9s %s\n", mode_name(), "alg", "enabled", "min bits",
-                "max bits / curves");
+    std::printf("mode: %s\n%-6s %-8s %-9s %s\n", mode_name(), "alg", "enabled", "min bits", "max bits / curves");
     for (const Algorithm &a : algorithms()) {
         std::string detail = "2048";
         if (a.alg_id == PKEY_ALG_ECDSA) {
@@ -46,124 +46,254 @@ int policy(const Args &) {
 
 int keygen(const Args &a) {
     const Algorithm *alg = find_algorithm(a.positional[0]);
-    if (alg == nullptr) return usage_error("unknown algorithm '" + a.positional[0] + "'");
+    if (alg == nullptr) return usage_error("unknown algorithm '" + printable(a.positional[0]) + "'");
+    const std::string what = std::string("keygen ") + alg->name;
+    if (a.has("--curve") && alg->alg_id != PKEY_ALG_ECDSA) return usage_error("--curve is for ecdsa keys");
+    if (a.has("--bits") && alg->alg_id == PKEY_ALG_ECDSA) return usage_error("--bits is for rsa and dsa keys");
     const Curve *curve = a.has("--curve") ? find_curve(a.get("--curve")) : nullptr;
-    if (a.has("--curve") && curve == nullptr) return usage_error("unknown curve '" + a.get("--curve") + "'");
-    const unsigned long bits = std::strtoul(a.get("--bits", "2048").c_str(), nullptr, 10);
+    if (a.has("--curve") && curve == nullptr) return usage_error("unknown curve '" + printable(a.get("--curve")) + "'");
+    const std::string bits_text = a.get("--bits", "2048");
+    char *end = nullptr;
+    const unsigned long bits = std::strtoul(bits_text.c_str(), &end, 10);
+    if (bits_text.empty() || *end != '\0' || bits_text[0] == '-' || bits > 65536)
+        return usage_error("bad key size '" + printable(bits_text) + "'");
+    if (Mem_Alert_GetCurrentState() != 0)
+        return failure(what, "the memory alarm is raised; no key is generated while it is");
+    if (curve != nullptr && PKEY_IsValidECDSACurve(curve->nid) != 1)
+        return failure(what, std::string("curve ") + curve->ssh_name + " is not allowed in " + mode_name() + " mode");
+    if (alg->alg_id != PKEY_ALG_ECDSA && (bits < 512 || bits > 2048))
+        return failure(what, std::to_string(bits) + " bits is outside the generator's range (512 to 2048 bits)");
     const auto start = std::chrono::steady_clock::now();
     pkey::EvpPkeyPtr key(curve != nullptr ? PKEY_GenerateECKey(curve->nid)
                                           : PKEY_GeneratePKey(alg->evp_type, static_cast<unsigned>(bits)));
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-    if (!key) return failure(std::string("keygen ") + alg->name, std::string("refused by the policy of ") + mode_name() + " mode, or the memory alarm is raised");
+    if (!key) return failure(what, "OpenSSL could not generate the key");
     std::printf("%s %u bits, allowed now: %s, FIPS strength: %s (%.1f ms, not stored)\n", alg->name,
                 PKEY_PUBKEY_GetKeyBits(key.get()), PKEY_PUBKEY_IsKeyLenValid(key.get()) == 1 ? "yes" : "no",
                 PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()) == 1 ? "yes" : "no", ms);
     return kOk;
 }
 
-struct LocalKeyRef {
-    const Algorithm *alg;
-    unsigned int kind;
-    std::string name;     // "" for a default key
-    std::string display;  // as listed
-    unsigned char protection = 0;
-    unsigned int bits = 0;
-    bool operator<(const LocalKeyRef &o) const { return display + alg->name < o.display + o.alg->name; }
+// ---- fips ------------------------------------------------------------------------------
+
+struct PeerEntry {
+    std::string name;
+    pkey::EvpPkeyPtr key;  // NULL when the stored value is not a key
 };
 
-// Every readable local key of the store, with how its file is protected.
-std::set<LocalKeyRef> local_keys() {
-    std::set<LocalKeyRef> keys;
-    for (const Algorithm &alg : algorithms()) {
-        PKEY_LOCAL_NEXT_HANDLE_S *handle = PKEY_LOCAL_GetNextInit(alg.alg_id);
-        PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetFirst(handle);
-        for (int index = 0; info != nullptr; ++index) {
-            if ((info->uiFlags & PKEY_INFO_HAS_KEY) != 0) {
-                const bool server = alg.alg_id == PKEY_ALG_RSA && index == 1;
-                const bool named = info->pstPosition != nullptr && std::strstr(info->szName, "(default)") == nullptr;
-                LocalKeyRef ref{&alg, server ? PKEY_KEY_SERVER : PKEY_KEY_HOST, named ? info->szName : "",
-                                info->szName, 0, info->uiBits};
-                unsigned int len = 0;
-                if (unsigned char *rec = PKEY_LOCAL_ReadKeyToBuf(alg.alg_id, ref.kind, ref.name.c_str(), &len)) {
-                    ref.protection = rec[PKEY_STORE_OFF_PROTECTION];
-                    OPENSSL_cleanse(rec, len);
-                    std::free(rec);
-                }
-                keys.insert(ref);
-            }
-            PKEY_LOCAL_KEY_INFO_S *next = PKEY_LOCAL_GetNext(handle, info);
-            PKEY_LOCAL_DestroyLocalKeyInfo(info);
-            info = next;
-        }
-        PKEY_LOCAL_GetNextFinal(handle);
-    }
-    return keys;
-}
-
-std::set<std::string> peer_names() {
-    std::set<std::string> names;
+// Every peer key; false (error set) when the database cannot be read.
+bool read_peers(std::vector<PeerEntry> &out, std::string &error) {
+    HOST_ClearError();
     const int handle = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_READ);
-    if (handle == -1) return names;
+    if (handle == -1) {
+        error = "cannot read the peer key database: " + platform_error();
+        return false;
+    }
     unsigned int count = 0;
-    char *table = PKEY_CFGMNG_GetPeerPubKeyList(handle, &count);
+    pkey::MallocPtr<char> table(PKEY_CFGMNG_GetPeerPubKeyList(handle, &count));
+    for (unsigned int i = 0; table && i < count; ++i) {
+        PeerEntry e;
+        e.name = table.get() + static_cast<size_t>(i) * PKEY_CFGMNG_NAME_SLOT;
+        const int len = DBM_Len(handle, e.name.data(), static_cast<unsigned int>(e.name.size()));
+        std::vector<unsigned char> der(len > 0 ? static_cast<size_t>(len) : 0);
+        if (len > 0 && DBM_GetBinary(handle, e.name.data(), static_cast<unsigned int>(e.name.size()), 0,
+                                     static_cast<unsigned int>(len), der.data()) == len) {
+            const unsigned char *p = der.data();
+            e.key.reset(d2i_PUBKEY(nullptr, &p, len));
+        }
+        out.push_back(std::move(e));
+    }
     DBM_Close(handle);
-    for (unsigned int i = 0; table != nullptr && i < count; ++i) names.insert(table + i * PKEY_CFGMNG_NAME_SLOT);
-    std::free(table);
-    return names;
+    if (!platform_error().empty()) {
+        error = "cannot read the peer key database: " + platform_error();
+        return false;
+    }
+    return true;
 }
 
-// Switching FIPS mode on sweeps what the mode no longer allows: local key
-// files not protected by SHA-256 (swept while the old mode can still read
-// them), then keys too small or on refused curves, then weak peer keys.
-// The memory mirror is dropped so that it is refilled from what is left.
+// The bytes of both copies of a key file, kept to put it back as it was.
+struct FileImage {
+    std::string mem, dev;
+    std::vector<unsigned char> mem_bytes, dev_bytes;
+    bool mem_there = false, dev_there = false;
+};
+
+FileImage snapshot(const StoredKey &k) {
+    FileImage f;
+    char path[PKEY_PATH_LEN] = "";
+    PKEY_FS_MakeFullFileName(k.alg->alg_id, k.kind, DEV_GetSelf(), k.name.c_str(), PKEY_FS_MakeMemFilePrefix, path);
+    f.mem = path;
+    PKEY_FS_MakeFullFileName(k.alg->alg_id, k.kind, DEV_GetSelf(), k.name.c_str(), PKEY_FS_MakeDevFilePrefix, path);
+    f.dev = path;
+    auto read = [](const std::string &file, std::vector<unsigned char> &bytes) {
+        unsigned int len = 0;
+        void *data = PKEY_FS_ReadDataFromVFS(file.c_str(), &len);
+        if (data == nullptr) return false;
+        pkey::SecureBuffer owned = pkey::SecureBuffer::adopt(data, len);
+        bytes.assign(owned.data(), owned.data() + len);
+        return true;
+    };
+    f.mem_there = read(f.mem, f.mem_bytes);
+    f.dev_there = read(f.dev, f.dev_bytes);
+    return f;
+}
+
+void restore(FileImage &f) {
+    if (f.dev_there) PKEY_FS_WriteDataToVFS(f.dev_bytes.data(), static_cast<unsigned int>(f.dev_bytes.size()), f.dev.c_str());
+    if (f.mem_there) PKEY_FS_WriteDataToVFS(f.mem_bytes.data(), static_cast<unsigned int>(f.mem_bytes.size()), f.mem.c_str());
+    OPENSSL_cleanse(f.mem_bytes.data(), f.mem_bytes.size());
+    OPENSSL_cleanse(f.dev_bytes.data(), f.dev_bytes.size());
+}
+
+// Asks on the terminal; anything but y or yes is no.
+bool confirmed(const std::string &question) {
+    std::fprintf(stderr, "%s [y/N] ", question.c_str());
+    std::fflush(stderr);
+    std::string answer;
+    if (!std::getline(std::cin, answer)) return false;
+    return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+// Switching FIPS mode on keeps every local key of FIPS strength: each is
+// read while its MD5-protected file can still be read, and saved again once
+// the mode is on, so that it is SHA-256 protected with the same key pair.
+// The others, and peer keys too weak for the mode, are removed. Nothing
+// happens before the operator has seen the list and agreed.
+int fips_switch_on(const Args &a) {
+    if (fips_on()) {
+        std::printf("FIPS mode: on (it was on already)\n");
+        return kOk;
+    }
+    std::vector<std::string> errors;
+    HOST_ClearError();
+    std::vector<StoredKey> local = stored_keys(nullptr, errors);
+    if (!errors.empty()) return failure("fips on", errors.front());
+    std::vector<PeerEntry> peers;
+    std::string error;
+    if (!read_peers(peers, error)) return failure("fips on", error);
+
+    std::vector<StoredKey *> keep, remove, unreadable;
+    for (StoredKey &k : local) {
+        if (!k.readable) unreadable.push_back(&k);
+        else if (PKEY_PUBKEY_IsKeyMatchFipsMode(k.key.get()) == 1) keep.push_back(&k);
+        else remove.push_back(&k);
+    }
+    std::vector<const PeerEntry *> weak_peers;
+    for (const PeerEntry &p : peers)
+        if (p.key && PKEY_PUBKEY_IsKeyMatchFipsMode(p.key.get()) != 1) weak_peers.push_back(&p);
+
+    const bool dry = a.has("--dry-run");
+    std::printf("%s FIPS mode on:\n", dry ? "switching (dry run)" : "switching");
+    for (const StoredKey *k : keep)
+        std::printf("  keep   local %s key %s (%u bits), saved again with SHA-256 protection\n", k->alg->name,
+                    k->display().c_str(), k->bits);
+    for (const StoredKey *k : remove)
+        std::printf("  remove local %s key %s (%u bits): %s\n", k->alg->name, k->display().c_str(), k->bits,
+                    k->kind == PKEY_KEY_SERVER ? "FIPS mode has no SSH1 server key" : "too weak for FIPS mode");
+    for (const PeerEntry *p : weak_peers)
+        std::printf("  remove peer key %s (%s %u bits): too weak for FIPS mode\n", printable(p->name).c_str(),
+                    algorithm_of(p->key.get()) ? algorithm_of(p->key.get())->name : "?",
+                    PKEY_PUBKEY_GetKeyBits(p->key.get()));
+    for (const StoredKey *k : unreadable)
+        std::printf("  leave  local %s key %s unreadable: %s\n", k->alg->name, k->display().c_str(),
+                    k->problem.c_str());
+    if (keep.empty() && remove.empty() && weak_peers.empty() && unreadable.empty()) std::printf("  no keys stored\n");
+    const size_t losses = remove.size() + weak_peers.size();
+    if (dry) {
+        std::printf("dry run: nothing changed\n");
+        return kOk;
+    }
+    std::fflush(stdout);
+    if (losses != 0 && !a.has("--yes")) {
+        const std::string question =
+            "remove " + std::to_string(losses) + (losses == 1 ? " key" : " keys") + " and switch FIPS mode on?";
+        if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0)
+            return failure("fips on", std::to_string(losses) + (losses == 1 ? " key" : " keys") +
+                                          " would be removed; confirm with --yes (see them with --dry-run)");
+        if (!confirmed(question)) return failure("fips on", "not confirmed; nothing changed");
+    }
+
+    // Files of the keys to keep, to put back if saving one of them fails.
+    std::vector<FileImage> images;
+    for (const StoredKey *k : keep) images.push_back(snapshot(*k));
+    HOST_ClearError();
+    if (HOST_SetFipsMode(1) != 0) return failure("fips on", "the mode could not be switched: " + platform_error());
+    for (size_t i = 0; i < keep.size(); ++i) {
+        const StoredKey &k = *keep[i];
+        const int r = PKEY_LOCAL_SaveLocalKey(k.alg->alg_id, k.kind, k.key.get(), k.name.c_str());
+        if (r == 0) continue;
+        (void)HOST_SetFipsMode(0);
+        for (size_t j = 0; j <= i; ++j) restore(images[j]);
+        return failure("fips on", "key " + k.display() + " could not be saved again (" + write_problem(*k.alg, k.kind, k.name) +
+                                      "); FIPS mode is off again and nothing was removed");
+    }
+    for (FileImage &f : images) {
+        OPENSSL_cleanse(f.mem_bytes.data(), f.mem_bytes.size());
+        OPENSSL_cleanse(f.dev_bytes.data(), f.dev_bytes.size());
+    }
+
+    std::printf("FIPS mode: on\n");
+    for (const StoredKey *k : keep)
+        std::printf("kept local %s key %s (%u bits), now SHA-256 protected, fingerprint %s\n", k->alg->name,
+                    k->display().c_str(), k->bits, fingerprint_sha256(k->key.get()).c_str());
+    int failures = 0;
+    for (const StoredKey *k : remove) {
+        if (PKEY_LOCAL_DestroyOneKey(k->alg->alg_id, k->kind, k->name.c_str()) != 0) {
+            ++failures;
+            std::fprintf(stderr, "pkeyctl: fips on: local %s key %s was not removed: %s\n", k->alg->name,
+                         k->display().c_str(), write_problem(*k->alg, k->kind, k->name).c_str());
+            continue;
+        }
+        std::printf("removed local %s key %s (%u bits)\n", k->alg->name, k->display().c_str(), k->bits);
+    }
+    // The mode's own sweep then judges whatever else the flash holds, and the
+    // memory mirror is refilled from what is left there.
+    char work[PKEY_PATH_LEN];
+    if (FS_GetLocalDefaultWorkDir(sizeof work, work) == 0) {
+        PKEY_DestroyNonFIPSApprovedKeyPairs((std::string(work) + "/pkey/").c_str());
+        PKEY_BACKUP_BatchMemProc(DEV_GetSelf());
+    }
+    HOST_ClearError();
+    PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey();
+    std::vector<PeerEntry> after;
+    if (!read_peers(after, error)) return failure("fips on", error);
+    for (const PeerEntry *p : weak_peers) {
+        const bool gone = std::none_of(after.begin(), after.end(), [&](const PeerEntry &e) { return e.name == p->name; });
+        if (gone) {
+            std::printf("removed peer key %s\n", printable(p->name).c_str());
+        } else {
+            ++failures;
+            std::fprintf(stderr, "pkeyctl: fips on: peer key %s was not removed\n", printable(p->name).c_str());
+        }
+    }
+    if (losses == 0) std::printf("nothing had to go\n");
+    return failures == 0 ? kOk : kFailed;
+}
+
 int fips(const Args &a) {
     const std::string action = a.positional[0];
+    if ((a.has("--yes") || a.has("--dry-run")) && action != "on")
+        return usage_error("--yes and --dry-run are for fips on");
     if (action == "status") {
         std::printf("FIPS mode: %s\n", fips_on() ? "on" : "off");
         return kOk;
     }
     if (action == "off") {
-        HOST_SetFipsMode(0);
+        HOST_ClearError();
+        if (HOST_SetFipsMode(0) != 0) return failure("fips off", "the mode could not be switched: " + platform_error());
         std::printf("FIPS mode: off\n");
         return kOk;
     }
     if (action != "on") return usage_error("fips takes status, on or off");
-    const std::set<LocalKeyRef> local_before = local_keys();
-    const std::set<std::string> peers_before = peer_names();
-
-    char work[PKEY_PATH_LEN];
-    if (FS_GetLocalDefaultWorkDir(sizeof work, work) != 0) return failure("fips on", "the work directory is unknown");
-    const std::string store = std::string(work) + "/pkey/";
-    if (!fips_on()) PKEY_DestroyNonFIPSApprovedKeyPairs(store.c_str());
-    HOST_SetFipsMode(1);
-    PKEY_DestroyNonFIPSApprovedKeyPairs(store.c_str());
-    PKEY_BACKUP_BatchMemProc(DEV_GetSelf());
-    PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey();
-
-    const std::set<LocalKeyRef> local_after = local_keys();
-    const std::set<std::string> peers_after = peer_names();
-    std::printf("FIPS mode: on\n");
-    int removed = 0;
-    for (const LocalKeyRef &k : local_before) {
-        if (local_after.count(k) != 0) continue;
-        ++removed;
-        std::printf("removed local %s key %s (%u bits): %s\n", k.alg->name, k.display.c_str(), k.bits,
-                    k.protection != PKEY_STORE_PROTECT_SHA256 ? "not protected by SHA-256"
-                                                              : "size or curve not allowed");
-    }
-    for (const std::string &name : peers_before) {
-        if (peers_after.count(name) != 0) continue;
-        ++removed;
-        std::printf("removed peer key %s: too weak for FIPS mode\n", name.c_str());
-    }
-    if (removed == 0) std::printf("nothing had to go\n");
-    return kOk;
+    return fips_switch_on(a);
 }
+
+// ---- standby nodes ------------------------------------------------------------------------
 
 bool parse_node(const std::string &text, unsigned short &node) {
     char *end = nullptr;
     const unsigned long v = std::strtoul(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || v > 0xFFFF) return false;
+    if (text.empty() || text[0] == '-' || *end != '\0' || v > 0xFFFF) return false;
     node = static_cast<unsigned short>(v);
     return true;
 }
@@ -182,8 +312,13 @@ int backup_batch(const Args &a) {
     const std::string what = "backup batch " + a.positional[0];
     if (node == DEV_GetSelf()) return failure(what, "that is this node");
     if (PKEY_BACKUP_IsNodeStatusNormal(node) != 1) return failure(what, "the node is not in normal state");
+    HOST_ClearError();
     const int r = PKEY_BACKUP_Batch(node);
-    if (r != 0 && r != -1) return failure(what, "the node's directories could not be resolved or written (code " + std::to_string(r) + ")");
+    if (r != 0 && r != -1) {
+        const std::string platform = platform_error();
+        return failure(what, "the copy failed (code " + hex_code(static_cast<unsigned int>(r)) + ")" +
+                                 (platform.empty() ? "" : ": " + platform));
+    }
     std::printf("node %u now holds this node's key store%s\n", node,
                 r == -1 ? " (this node has no ECDSA host key, so neither has the standby)" : "");
     return kOk;
@@ -206,12 +341,15 @@ int node_standby(const Args &a) {
         if (node == DEV_GetSelf()) return failure("node standby add", "node " + a.positional[1] + " is this node");
         if (it == nodes.end()) nodes.push_back(node);
     } else if (action == "remove") {
-        if (it == nodes.end()) return failure("node standby remove", "node " + a.positional[1] + " is not a standby node");
+        if (it == nodes.end())
+            return failure("node standby remove", "node " + a.positional[1] + " is not a standby node");
         nodes.erase(it);
     } else {
         return usage_error("node standby takes add, remove or list");
     }
-    HOST_SetStandbyNodes(nodes.data(), static_cast<unsigned int>(nodes.size()));
+    HOST_ClearError();
+    if (HOST_SetStandbyNodes(nodes.data(), static_cast<unsigned int>(nodes.size())) != 0)
+        return failure("node standby " + action, "the standby list could not be saved: " + platform_error());
     std::printf("standby nodes:");
     for (unsigned short n : nodes) std::printf(" %u", n);
     std::printf("%s\n", nodes.empty() ? " none" : "");
@@ -219,17 +357,19 @@ int node_standby(const Args &a) {
 }
 
 const std::vector<Command> kSystem = {
-    {"policy", "", "what the current mode allows: algorithms, sizes and curves", "", 0, 0, policy},
+    {"policy", "", "what the current mode allows: algorithms, sizes and curves", "", 0, 0, policy, "*"},
     {"keygen", "rsa|dsa|ecdsa [--bits N] [--curve C]",
      "generate a key pair in memory under the policy and describe it (nothing is stored)", "--bits= --curve=", 1, 1,
-     keygen},
-    {"fips", "status|on|off",
-     "show or switch the store's FIPS mode; switching on removes local and peer keys the mode does not allow "
-     "and says which",
-     "", 1, 1, fips},
+     keygen, "*"},
+    {"fips", "status|on|off [--yes] [--dry-run]",
+     "show or switch the store's FIPS mode. Switching on keeps the local keys of FIPS strength (saved "
+     "again with SHA-256 protection, same key and fingerprint) and removes the others and the peer keys "
+     "the mode does not allow; it lists them first and asks on a terminal. --dry-run only lists, --yes "
+     "does not ask",
+     "--yes --dry-run", 1, 1, fips, "status"},
     {"backup batch", "NODE", "make a standby node's key store a copy of this node's", "", 1, 1, backup_batch},
     {"node standby", "add|remove NODE | list", "the standby nodes that key files are copied to", "", 1, 2,
-     node_standby},
+     node_standby, "list"},
 };
 
 }  // namespace

@@ -1,0 +1,502 @@
+// Attacks on the store's edges, each with the refusal it must meet: names that
+// climb out of the key directories, exports aimed at the store's own files,
+// one file under two names, hostile input files, damaged settings, keys no
+// real key pair has, names that forge listing rows, and the operator losing
+// keys without being told. Every test runs pkeyctl (and where it matters the
+// C API) against a fresh store in a directory of its own, and the fixture
+// checks that nothing beside the store changed: a recursive listing of the
+// parent directory (names, types, sizes, modes, owners, times, contents) is
+// the same before and after.
+#include <gtest/gtest.h>
+#include <openssl/core_names.h>
+#include <openssl/param_build.h>
+#include <openssl/x509.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host_platform.h"
+#include "pkey_local.h"
+#include "pkey_peer.h"
+#include "pkey_pubkey.h"
+#include "test_keys.hpp"
+#include "test_util.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using pkey::EvpPkeyPtr;
+using pkey::test::get;
+using pkey::test::ProgramResult;
+using pkey::test::put;
+using Bytes = std::vector<unsigned char>;
+
+// What a file-system entry looks like, as far as anyone could tell it changed.
+struct Entry {
+    std::string kind;  // "file", "dir", "link -> target", "other"
+    mode_t mode = 0;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    off_t size = 0;
+    long long mtime_ns = 0;
+    std::string content;
+    bool operator==(const Entry &) const = default;
+};
+using Snapshot = std::map<std::string, Entry>;
+
+Snapshot snapshot(const std::string &root, const std::vector<std::string> &skip) {
+    Snapshot s;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(root, ec); it != fs::recursive_directory_iterator(); ++it) {
+        const std::string rel = fs::relative(it->path(), root).string();
+        if (std::find(skip.begin(), skip.end(), rel) != skip.end()) {
+            it.disable_recursion_pending();
+            continue;
+        }
+        struct stat st {};
+        if (::lstat(it->path().c_str(), &st) != 0) continue;
+        Entry e;
+        e.kind = S_ISREG(st.st_mode) ? "file" : S_ISDIR(st.st_mode) ? "dir" : S_ISLNK(st.st_mode) ? "link" : "other";
+        if (S_ISLNK(st.st_mode)) e.kind += " -> " + fs::read_symlink(it->path()).string();
+        e.mode = st.st_mode;
+        e.uid = st.st_uid;
+        e.gid = st.st_gid;
+        e.size = st.st_size;
+        e.mtime_ns = static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
+        if (S_ISREG(st.st_mode)) e.content = get(it->path().string());
+        s[rel] = e;
+    }
+    return s;
+}
+
+std::string differences(const Snapshot &before, const Snapshot &after) {
+    std::string out;
+    for (const auto &[path, e] : before) {
+        const auto it = after.find(path);
+        if (it == after.end()) out += "  removed " + path + "\n";
+        else if (!(it->second == e)) out += "  changed " + path + "\n";
+    }
+    for (const auto &[path, e] : after)
+        if (before.count(path) == 0) out += "  added " + path + "\n";
+    return out;
+}
+
+size_t lines(const std::string &text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
+
+// ---- SSH blobs built by hand, so that they can hold what no encoder writes ----
+
+void put_u32(Bytes &b, uint32_t v) {
+    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<unsigned char>(v >> s));
+}
+void put_string(Bytes &b, const std::string &s) {
+    put_u32(b, static_cast<uint32_t>(s.size()));
+    b.insert(b.end(), s.begin(), s.end());
+}
+// An mpint; with signed_form false a set top bit gets no 0x00 byte, which
+// makes the number negative.
+void put_mpint(Bytes &b, const BIGNUM *bn, bool signed_form = true) {
+    Bytes mag(static_cast<size_t>(BN_num_bytes(bn)));
+    BN_bn2bin(bn, mag.data());
+    if (signed_form && !mag.empty() && (mag[0] & 0x80) != 0) mag.insert(mag.begin(), 0);
+    put_u32(b, static_cast<uint32_t>(mag.size()));
+    b.insert(b.end(), mag.begin(), mag.end());
+}
+std::string base64(const Bytes &b) {
+    std::string out(b.size() * 4 / 3 + 4, '\0');
+    out.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), b.data(),
+                                                   static_cast<int>(b.size()))));
+    return out;
+}
+pkey::BignumPtr param(const EVP_PKEY *key, const char *name) {
+    BIGNUM *bn = nullptr;
+    EVP_PKEY_get_bn_param(key, name, &bn);
+    return pkey::BignumPtr(bn);
+}
+pkey::BignumPtr number(unsigned long v) {
+    pkey::BignumPtr bn(BN_new());
+    BN_set_word(bn.get(), v);
+    return bn;
+}
+
+// An RSA public key with chosen numbers, its blob and its OpenSSH line.
+struct CraftedKey {
+    EvpPkeyPtr key;
+    Bytes blob;
+    std::string line() const { return std::string(EVP_PKEY_get_id(key.get()) == EVP_PKEY_RSA ? "ssh-rsa " : "ssh-dss ") + base64(blob) + " crafted\n"; }
+};
+CraftedKey rsa_with(const BIGNUM *n, const BIGNUM *e) {
+    std::unique_ptr<OSSL_PARAM_BLD, pkey::FnDeleter<OSSL_PARAM_BLD_free>> bld(OSSL_PARAM_BLD_new());
+    OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n);
+    OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e);
+    CraftedKey c{pkey::test::key_from_params("RSA", bld.get()), {}};
+    put_string(c.blob, "ssh-rsa");
+    put_mpint(c.blob, e);
+    put_mpint(c.blob, n);
+    return c;
+}
+CraftedKey dsa_with(const BIGNUM *p, const BIGNUM *q, const BIGNUM *g, const BIGNUM *y) {
+    std::unique_ptr<OSSL_PARAM_BLD, pkey::FnDeleter<OSSL_PARAM_BLD_free>> bld(OSSL_PARAM_BLD_new());
+    OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_FFC_P, p);
+    OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_FFC_Q, q);
+    OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_FFC_G, g);
+    OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, y);
+    CraftedKey c{pkey::test::key_from_params("DSA", bld.get()), {}};
+    put_string(c.blob, "ssh-dss");
+    for (const BIGNUM *bn : {p, q, g, y}) put_mpint(c.blob, bn);
+    return c;
+}
+
+std::string hex_of(const Bytes &bytes) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char b : bytes) out += {digits[b >> 4], digits[b & 15]};
+    return out;
+}
+
+class SecurityTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const char *tmp = std::getenv("TMPDIR");
+        std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/pkey-security-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        parent_ = fs::canonical(pattern).string();
+        store_ = parent_ + "/store";
+        work_ = parent_ + "/work";
+        fs::create_directories(work_);
+        // What an attacker would aim at beside the store.
+        put(parent_ + "/outside/v1.key", "an operator's file, not a key\n");
+        put(parent_ + "/outside/exist.key", "precious\n");
+        put(parent_ + "/outside/notes.txt", "nothing to see\n");
+        ::chmod((parent_ + "/outside/exist.key").c_str(), 0640);
+        ASSERT_EQ(ctl({"fips", "off"}).code, 0);
+        before_ = snapshot(parent_, {"store", "work"});
+    }
+    void TearDown() override {
+        EXPECT_EQ(differences(before_, snapshot(parent_, {"store", "work"})), "")
+            << "something outside the store changed";
+        std::error_code ec;
+        fs::remove_all(parent_, ec);
+    }
+
+    ProgramResult ctl(std::vector<std::string> args, const std::string &stdin_path = "/dev/null") {
+        args.insert(args.begin(), {PKEYCTL_PATH, "--root", store_});
+        return pkey::test::run_program(args, stdin_path);
+    }
+    // A refusal: the exit code, and one line on stderr that says so.
+    void expect_refused(const ProgramResult &r, int code, const std::string &says) {
+        EXPECT_EQ(r.code, code) << r.err;
+        EXPECT_EQ(lines(r.err), 1u) << r.err;
+        EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
+    }
+    // The store for calls made from this process.
+    void use_store() { ASSERT_EQ(HOST_Open(store_.c_str()), 0) << HOST_LastError(); }
+    std::string mem(const std::string &leaf) const { return store_ + "/node1/run/pkey/" + leaf; }
+    std::string flash(const std::string &leaf) const { return store_ + "/node1/flash/" + leaf; }
+    std::string file(const std::string &leaf, const std::string &content) {
+        put(work_ + "/" + leaf, content);
+        return work_ + "/" + leaf;
+    }
+
+    std::string parent_, store_, work_;
+    Snapshot before_;
+};
+
+// Runs body in a child and gives its exit code, or -2 if it has not finished
+// within 60 seconds: a call that waits on its own lock fails the test.
+template <typename Body>
+int within_a_minute(Body body) {
+    const pid_t pid = pkey::test::spawn(body);
+    for (int i = 0; i < 600; ++i) {
+        int status = 0;
+        if (::waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        ::usleep(100 * 1000);
+    }
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    return -2;
+}
+
+TEST_F(SecurityTest, KeyNamesThatClimbOutOfTheStoreAreRefusedEverywhere) {
+    ASSERT_EQ(ctl({"local", "create", "rsa", "--bits", "1024", "--name", "v1"}).code, 0);
+    const std::string climb = "../../../../../outside/v1";
+    for (const char *verb : {"destroy", "show", "create"})
+        expect_refused(ctl({"local", verb, "rsa", "--name", climb}), 2, "bad key name");
+    expect_refused(ctl({"local", "export", "rsa", "--format", "openssh", "--name", climb}), 2, "bad key name");
+
+    // The library refuses such names itself, whoever calls it.
+    use_store();
+    EXPECT_EQ(PKEY_LOCAL_DestroyOneKey(PKEY_ALG_RSA, PKEY_KEY_HOST, climb.c_str()), static_cast<int>(PKEY_ERR_FAILED));
+    EXPECT_EQ(PKEY_LOCAL_IsKeyExist(PKEY_ALG_RSA, climb.c_str()), 0);
+    EXPECT_EQ(EvpPkeyPtr(PKEY_GetHostKey(EVP_PKEY_RSA, climb.c_str())), nullptr);
+    EXPECT_NE(PKEY_LOCAL_ExportPubKey(PKEY_ALG_RSA, climb.c_str(), PKEY_EXPORT_OPENSSH, ""), 0);
+    for (const char *name : {"a/b", ".", ".."})
+        EXPECT_EQ(PKEY_LOCAL_DestroyOneKey(PKEY_ALG_RSA, PKEY_KEY_HOST, name), static_cast<int>(PKEY_ERR_FAILED));
+    EXPECT_EQ(ctl({"local", "list", "rsa"}).code, 0) << "the store itself is intact";
+}
+
+TEST_F(SecurityTest, ExportsNeverOverwriteTheStoresOwnFiles) {
+    ASSERT_EQ(ctl({"local", "create", "ecdsa"}).code, 0);
+    ASSERT_EQ(ctl({"node", "standby", "add", "2"}).code, 0);
+    ASSERT_EQ(ctl({"local", "create", "rsa", "--bits", "1024", "--name", "web"}).code, 0);
+    ASSERT_EQ(ctl({"peer", "list"}).code, 0);
+    // The database's own files change whenever it is opened; the keys' files must not.
+    const Snapshot store_before = snapshot(store_, {"db"});
+    for (const std::string target :
+         {store_ + "/device.key", store_ + "/settings", store_ + "/db/PKEY.db", mem("ecdsakey"), mem("rsa/web.key"),
+          flash("hostkey"), flash("pkey/rsa/web.key"), store_ + "/node2/flash/ecdsakey",
+          store_ + "/node2/flash/pkey/rsa/web.key", store_ + "/node1/flash/../run/pkey/ecdsakey",
+          store_ + "//node1/./flash/pkey/rsa/new.key"}) {
+        const ProgramResult r = ctl({"local", "export", "ecdsa", "--format", "openssh", "--out", target});
+        expect_refused(r, 1, "key store");
+        use_store();
+        EXPECT_NE(PKEY_LOCAL_CheckFullFileName(target.c_str(), 0, 0, 0), 0) << target;
+    }
+    // Through a link that leads into the store.
+    fs::create_directory_symlink(store_ + "/node1/run", work_ + "/innocent");
+    expect_refused(ctl({"local", "export", "ecdsa", "--format", "openssh", "--out", work_ + "/innocent/pkey/ecdsakey"}),
+                   1, "key store");
+    EXPECT_EQ(differences(store_before, snapshot(store_, {"db"})), "");
+
+    // A file of the operator's is written, whole, where asked; "-" is standard output.
+    const ProgramResult ok = ctl({"local", "export", "ecdsa", "--format", "openssh", "--out", work_ + "/host.pub"});
+    EXPECT_EQ(ok.code, 0) << ok.err;
+    EXPECT_EQ(get(work_ + "/host.pub").rfind("ecdsa-sha2-nistp256 ", 0), 0u);
+    EXPECT_EQ(ctl({"local", "export", "ecdsa", "--format", "openssh", "--out", "-"}).out, get(work_ + "/host.pub") + "\r\n");
+}
+
+TEST_F(SecurityTest, SavingUnderAClimbingNameTouchesNothingAndReturns) {
+    use_store();
+    EVP_PKEY *key = pkey::test::test_key("p256");
+    const int code = within_a_minute([&] {
+        return PKEY_SaveLocalKey("../../../../../outside/exist", key) == static_cast<int>(PKEY_ERR_FAILED) &&
+                       PKEY_LOCAL_DestroyOneKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, "../../../../../outside/exist") ==
+                           static_cast<int>(PKEY_ERR_FAILED)
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(code, 0) << "-2 means the call hung";
+}
+
+TEST_F(SecurityTest, OneFileUnderTwoNamesFailsCleanlyInsteadOfHanging) {
+    ASSERT_EQ(ctl({"local", "create", "ecdsa"}).code, 0);
+    // The memory copy made a hard link of the flash copy.
+    fs::remove(mem("ecdsakey"));
+    fs::create_hard_link(flash("ecdsakey"), mem("ecdsakey"));
+    const std::string key_file = get(flash("ecdsakey"));
+    expect_refused(ctl({"local", "create", "ecdsa", "--force"}), 1, "one file");
+    expect_refused(ctl({"local", "destroy", "ecdsa"}), 1, "one file");
+    EXPECT_EQ(get(flash("ecdsakey")), key_file) << "the key file was changed";
+    use_store();
+    PKEY_KEYGEN_REQ_S request{};
+    request.uiAlgId = PKEY_ALG_ECDSA;
+    request.uiCurveNid = PKEY_NID_P256;
+    EXPECT_EQ(within_a_minute([&] { return PKEY_LOCAL_GenerateKey(&request) == 0 ? 0 : 1; }), 1);
+
+    // The memory key directory a link to the flash work directory.
+    fs::remove_all(store_ + "/node1/run/pkey");
+    fs::create_directory_symlink("../flash", store_ + "/node1/run/pkey");
+    expect_refused(ctl({"local", "create", "ecdsa", "--force"}), 1, "one file");
+    fs::remove(flash("ecdsakey"));  // a new key: the one file is made by the write itself
+    EXPECT_EQ(within_a_minute([&] { return PKEY_LOCAL_GenerateKey(&request) == 0 ? 0 : 1; }), 1);
+    EXPECT_FALSE(fs::exists(flash("ecdsakey"))) << "a half-stored key was left";
+}
+
+TEST_F(SecurityTest, InputThatIsNotAKeyTextFileIsRefusedInOneLine) {
+    expect_refused(ctl({"peer", "add", "x", parent_}), 1, "is a directory");
+    expect_refused(ctl({"peer", "add", "x", "/dev/zero"}), 1, "is a device");
+    expect_refused(ctl({"peer", "add", "x", "-"}, "/dev/zero"), 1, "64 KiB");
+    expect_refused(ctl({"peer", "add", "x", file("big.pub", std::string(70000, 'A'))}), 1, "64 KiB");
+    expect_refused(ctl({"peer", "add", "x", file("nul.pub", std::string("ssh-rsa \0AAAA", 13))}), 1, "NUL");
+    expect_refused(ctl({"peer", "add", "x", work_ + "/missing"}), 1, "No such file");
+    EXPECT_EQ(ctl({"peer", "list"}).out.find("\nx "), std::string::npos);
+}
+
+TEST_F(SecurityTest, DamagedSettingsNeverReadAsFipsOff) {
+    ASSERT_EQ(ctl({"fips", "on", "--yes"}).code, 0);
+    const std::string settings = store_ + "/settings";
+    const std::string good = get(settings);
+    ASSERT_FALSE(good.empty());
+    std::string flipped = good;
+    flipped[flipped.size() / 2] = static_cast<char>(flipped[flipped.size() / 2] ^ 0x40);
+    for (const std::string &damaged : {flipped, good.substr(0, good.size() / 2), std::string()}) {
+        put(settings, damaged);
+        for (const std::vector<std::string> &command :
+             std::vector<std::vector<std::string>>{{"fips", "status"}, {"local", "list"}, {"policy"}, {"fips", "off"}}) {
+            const ProgramResult r = ctl(command);
+            expect_refused(r, 1, "settings");
+            EXPECT_EQ(r.out.find("off"), std::string::npos) << r.out;
+        }
+        EXPECT_EQ(get(settings), damaged) << "a refused settings file must be left as it is";
+    }
+    put(settings, good);
+    EXPECT_EQ(ctl({"fips", "status"}).out, "FIPS mode: on\n");
+}
+
+TEST_F(SecurityTest, PeerKeysNoRealKeyPairHasAreRefused) {
+    use_store();
+    const EVP_PKEY *rsa = pkey::test::test_key("rsa1024");
+    const EVP_PKEY *dsa = pkey::test::test_key("dsa1024");
+    const auto n = param(rsa, OSSL_PKEY_PARAM_RSA_N);
+    pkey::BignumPtr even_n(BN_dup(n.get())), above_n(BN_dup(n.get()));
+    BN_add_word(even_n.get(), 1);
+    BN_add_word(above_n.get(), 2);
+    const auto p = param(dsa, OSSL_PKEY_PARAM_FFC_P), q = param(dsa, OSSL_PKEY_PARAM_FFC_Q),
+               g = param(dsa, OSSL_PKEY_PARAM_FFC_G), y = param(dsa, OSSL_PKEY_PARAM_PUB_KEY);
+    const auto one = number(1), zero = number(0), e = number(65537);
+    std::vector<std::pair<std::string, CraftedKey>> impossible;
+    impossible.emplace_back("rsa e=1", rsa_with(n.get(), one.get()));
+    impossible.emplace_back("rsa e=2", rsa_with(n.get(), number(2).get()));
+    impossible.emplace_back("rsa e>n", rsa_with(n.get(), above_n.get()));
+    impossible.emplace_back("rsa even n", rsa_with(even_n.get(), e.get()));
+    impossible.emplace_back("dsa g=1", dsa_with(p.get(), q.get(), one.get(), y.get()));
+    impossible.emplace_back("dsa y=0", dsa_with(p.get(), q.get(), g.get(), zero.get()));
+    for (const auto &[label, crafted] : impossible) {
+        ASSERT_TRUE(crafted.key) << label;
+        expect_refused(ctl({"peer", "add", "bad", file("bad.pub", crafted.line())}), 1, "not a possible");
+        EXPECT_EQ(PKEY_EditKeyCode(crafted.key.get(), "bad"), PKEY_ERR_FAILED) << label;
+        std::vector<char> entry(PKEY_PEER_NAME_LEN, '\0');
+        std::strcpy(entry.data(), "bad");
+        const std::string hex = hex_of(pkey::test::public_der(crafted.key.get()));
+        entry.insert(entry.end(), hex.begin(), hex.end());
+        entry.push_back('\0');
+        EXPECT_EQ(PKEY_PEER_EditKeyCodeFinish(entry.data()), PKEY_ERR_FAILED) << label;
+    }
+    // Blobs OpenSSH would not read: bytes after the last field, a negative number.
+    CraftedKey good = rsa_with(n.get(), e.get());
+    good.blob.push_back(0);
+    expect_refused(ctl({"peer", "add", "bad", file("trailing.pub", good.line())}), 1, "malformed");
+    CraftedKey negative = rsa_with(n.get(), e.get());
+    negative.blob.clear();
+    put_string(negative.blob, "ssh-rsa");
+    put_mpint(negative.blob, e.get());
+    put_mpint(negative.blob, n.get(), false);
+    expect_refused(ctl({"peer", "add", "bad", file("negative.pub", negative.line())}), 1, "malformed");
+    EXPECT_EQ(EvpPkeyPtr(PKEY_GetUserKeyByName("bad")), nullptr) << "nothing was stored";
+}
+
+TEST_F(SecurityTest, NamesCannotForgeListingRowsOrReachTheTerminal) {
+    unsigned int len = 0;
+    pkey::MallocPtr<char> b64(PKEY_PUBKEY_EvppkeyToBase64(pkey::test::test_key("rsa2048"), 1, &len));
+    const std::string pub = file("k.pub", std::string("ssh-rsa ") + b64.get() + " k\n");
+    const std::string forged = "evil\nroot   rsa 2048 SHA256:FAKE";
+    const std::string escape = "esc\x1b[2Jx";
+    expect_refused(ctl({"peer", "add", forged, pub}), 2, "bad peer key name");
+    expect_refused(ctl({"peer", "add", escape, pub}), 2, "bad peer key name");
+    expect_refused(ctl({"peer", "show", forged}), 2, "bad peer key name");
+
+    // Names stored through the C API are escaped wherever they are printed.
+    use_store();
+    // Weak keys, so that the FIPS plan lists them too.
+    ASSERT_EQ(PKEY_SavePeerPubKey(pkey::test::test_key("rsa1024"), forged.c_str()), 0u);
+    ASSERT_EQ(PKEY_SavePeerPubKey(pkey::test::test_key("rsa1024"), escape.c_str()), 0u);
+    for (const std::vector<std::string> &command :
+         std::vector<std::vector<std::string>>{{"peer", "list"}, {"peer", "list", "--json"}, {"fips", "on", "--dry-run"}}) {
+        const ProgramResult r = ctl(command);
+        EXPECT_EQ(r.code, 0) << r.err;
+        EXPECT_EQ(r.out.find("\nroot"), std::string::npos) << r.out;
+        EXPECT_EQ(r.out.find('\x1b'), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("evil\\"), std::string::npos) << r.out;
+    }
+}
+
+TEST_F(SecurityTest, FipsOnKeepsFipsStrengthKeysAndAsksBeforeRemovingAny) {
+    ASSERT_EQ(ctl({"local", "create", "rsa", "--bits", "2048"}).code, 0);
+    const auto host_fingerprint = [&] {
+        const std::string out = ctl({"local", "list", "rsa"}).out;
+        const size_t line = out.find("hostkey(default)");
+        return line == std::string::npos ? "" : out.substr(out.find("SHA256:", line), 50);
+    };
+    const std::string fingerprint = host_fingerprint();
+    ASSERT_FALSE(fingerprint.empty());
+    ASSERT_EQ(ctl({"peer", "list"}).code, 0);
+    const Snapshot store_before = snapshot(store_, {"db"});
+
+    // The 768-bit server key would go: not without the operator's word.
+    expect_refused(ctl({"fips", "on"}), 1, "--yes");
+    const ProgramResult dry = ctl({"fips", "on", "--dry-run"});
+    EXPECT_EQ(dry.code, 0);
+    EXPECT_NE(dry.out.find("keep   local rsa key hostkey(default)"), std::string::npos) << dry.out;
+    EXPECT_NE(dry.out.find("remove local rsa key serverkey(default)"), std::string::npos) << dry.out;
+    EXPECT_EQ(differences(store_before, snapshot(store_, {"db"})), "") << "a refused or dry switch changed the store";
+    EXPECT_EQ(ctl({"fips", "status"}).out, "FIPS mode: off\n");
+
+    const ProgramResult on = ctl({"fips", "on", "--yes"});
+    EXPECT_EQ(on.code, 0) << on.err;
+    EXPECT_EQ(ctl({"fips", "status"}).out, "FIPS mode: on\n");
+    EXPECT_EQ(host_fingerprint(), fingerprint) << "the device's SSH identity changed";
+    EXPECT_EQ(static_cast<unsigned char>(get(flash("hostkey"))[PKEY_STORE_OFF_PROTECTION]), PKEY_STORE_PROTECT_SHA256);
+    EXPECT_FALSE(fs::exists(flash("serverkey")));
+}
+
+TEST_F(SecurityTest, CreatingOverAKeyOrAPeerNameNeedsForce) {
+    ASSERT_EQ(ctl({"local", "create", "ecdsa", "--curve", "p256"}).code, 0);
+    const std::string key_file = get(flash("ecdsakey"));
+    expect_refused(ctl({"local", "create", "ecdsa", "--curve", "p384"}), 1, "--force");
+    EXPECT_EQ(get(flash("ecdsakey")), key_file);
+    const ProgramResult forced = ctl({"local", "create", "ecdsa", "--curve", "p384", "--force"});
+    EXPECT_EQ(forced.code, 0);
+    EXPECT_EQ(forced.out, "replaced ecdsa key ecdsakey(default)\n");
+
+    unsigned int len = 0;
+    pkey::MallocPtr<char> a(PKEY_PUBKEY_EvppkeyToBase64(pkey::test::test_key("p256"), 1, &len));
+    pkey::MallocPtr<char> b(PKEY_PUBKEY_EvppkeyToBase64(pkey::test::test_key("p256#2"), 1, &len));
+    ASSERT_EQ(ctl({"peer", "add", "alice", file("a.pub", std::string("ecdsa-sha2-nistp256 ") + a.get())}).code, 0);
+    const std::string shown = ctl({"peer", "show", "alice"}).out;
+    expect_refused(ctl({"peer", "add", "alice", file("b.pub", std::string("ecdsa-sha2-nistp256 ") + b.get())}), 1,
+                   "--force");
+    EXPECT_EQ(ctl({"peer", "show", "alice"}).out, shown);
+    EXPECT_EQ(ctl({"peer", "add", "alice", work_ + "/b.pub", "--force"}).out.rfind("replaced peer key alice", 0), 0u);
+}
+
+TEST_F(SecurityTest, ReadingCommandsNeverCreateAStore) {
+    const std::string typo = parent_ + "/typo/x";
+    for (const std::vector<std::string> &command : std::vector<std::vector<std::string>>{
+             {"local", "list"}, {"peer", "list"}, {"fips", "status"}, {"policy"}, {"node", "standby", "list"}}) {
+        std::vector<std::string> args = {PKEYCTL_PATH, "--root", typo};
+        args.insert(args.end(), command.begin(), command.end());
+        const ProgramResult r = pkey::test::run_program(args);
+        expect_refused(r, 1, "no pkey store");
+    }
+    EXPECT_FALSE(fs::exists(parent_ + "/typo"));
+}
+
+TEST_F(SecurityTest, UnreadableKeysAreListedAsSuchWithTheirReason) {
+    ASSERT_EQ(ctl({"local", "create", "rsa", "--bits", "1024", "--name", "damaged"}).code, 0);
+    ASSERT_EQ(ctl({"local", "create", "ecdsa"}).code, 0);
+    std::string image = get(mem("rsa/damaged.key"));
+    image[200] = static_cast<char>(image[200] ^ 1);
+    put(mem("rsa/damaged.key"), image);
+    fs::remove(mem("ecdsakey"));
+
+    const ProgramResult r = ctl({"local", "list"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.out.find("damaged"), std::string::npos);
+    EXPECT_NE(r.out.find("UNREADABLE: it fails authentication"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("UNREADABLE: its memory copy is missing"), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find("2 keys are unreadable"), std::string::npos) << r.err;
+    const ProgramResult json = ctl({"local", "list", "--json"});
+    EXPECT_EQ(json.code, 1);
+    EXPECT_NE(json.out.find("\"name\": \"damaged\", \"default\": false, \"kind\": \"host\", \"algorithm\": \"rsa\", "
+                            "\"readable\": false"),
+              std::string::npos)
+        << json.out;
+    expect_refused(ctl({"local", "show", "ecdsa"}), 1, "memory copy is missing");
+}
+
+TEST_F(SecurityTest, EveryGroupAndCommandHasHelp) {
+    for (const std::vector<std::string> &command : std::vector<std::vector<std::string>>{
+             {"local", "--help"}, {"peer", "--help"}, {"node", "--help"}, {"backup", "--help"}, {"fips", "--help"},
+             {"node", "standby", "--help"}, {"local", "export", "-h"}}) {
+        const ProgramResult r = ctl(command);
+        EXPECT_EQ(r.code, 0) << command[0] << " " << r.err;
+        EXPECT_NE(r.out.find("usage: pkeyctl"), std::string::npos) << r.out;
+    }
+    expect_refused(ctl({"local", "frobnicate"}), 2, "local create");
+}
+
+}  // namespace
