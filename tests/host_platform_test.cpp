@@ -47,6 +47,25 @@ int run_children(int n, const std::function<int(int)> &body) {
     return ok;
 }
 
+// A directory outside any store, removed with everything in it.
+class ScratchDir {
+public:
+    ScratchDir() {
+        std::string pattern = fs::temp_directory_path().string() + "/pkey-scratch-XXXXXX";
+        if (::mkdtemp(pattern.data()) != nullptr) path_ = fs::canonical(pattern).string();
+    }
+    ~ScratchDir() {
+        std::error_code ec;
+        if (!path_.empty()) fs::remove_all(path_, ec);
+    }
+    ScratchDir(const ScratchDir &) = delete;
+    ScratchDir &operator=(const ScratchDir &) = delete;
+    const std::string &path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
 class HostTest : public ::testing::Test {
 protected:
     TempStore store;
@@ -55,6 +74,9 @@ using HostPathsTest = HostTest;
 using HostSettingsTest = HostTest;
 using HostCipherTest = HostTest;
 using HostDbmTest = HostTest;
+using HostGuardTest = HostTest;
+
+constexpr int kFsErrStore = 0x50030005;
 
 // ---------------------------------------------------------------------------
 // Store paths and file-name analysis
@@ -131,14 +153,69 @@ TEST_F(HostPathsTest, AnalysisFindsSlotDirAndFileThroughDotsAndSymlinksAndRefuse
         EXPECT_EQ(analyse(name), "65535/65535 :" + name.substr(1, name.size() - 3) + "|z");
 }
 
-TEST(HostFullFileNameTest, AcceptsDeviceAndAbsoluteNamesOnly) {
-    for (const char *ok : {"flash:/a", "slot2#flash:/pkey/x", "/tmp/a", "cfcard:", "/"})
+TEST_F(HostPathsTest, FullFileNamesAreDeviceOrAbsoluteNamesOnly) {
+    for (const char *ok : {"flash:/a", "slot2#flash:/x", "/tmp/a", "cfcard:", "/"})
         EXPECT_EQ(FS_IsValidFullFileName(ok, 0, 0, 0), 0) << ok;
     for (const char *bad :
          {"", "a/b", "flash", "1flash:/x", "flash:a", "/tmp/a\x01", "/tmp/\x7f", "flash:/a\nb"})
         EXPECT_NE(FS_IsValidFullFileName(bad, 0, 0, 0), 0) << bad;
     EXPECT_EQ(FS_IsValidFullFileName(("/" + std::string(510, 'a')).c_str(), 0, 0, 0), 0);
     EXPECT_NE(FS_IsValidFullFileName(("/" + std::string(511, 'a')).c_str(), 0, 0, 0), 0);
+}
+
+
+// The store's own files are out of reach of user file operations through
+// every spelling: "..", "//", symlinked directories, device form, hard links.
+TEST_F(HostGuardTest, NamesLandingOnTheStoresOwnFilesAreRefusedAndUserFilesAllowed) {
+    const std::string r = store.root(), w1 = store.work_dir(1), m1 = store.mem_dir(1);
+    ScratchDir outside;
+    const std::string o = outside.path();
+    ASSERT_EQ(PKEY_Encrypt(1, "x", 64, Bytes(64).data()), 0u);  // makes device.key
+    int h = -1;
+    ASSERT_EQ(DBM_Open("PKEY", "PKEY", DBM_MODE_READ, nullptr, &h), 0);  // makes db/PKEY.db
+    for (const std::string &dir : {w1 + "/pkey/rsa", w1 + "/sub", m1 + "/pkey/rsa",
+                                   r + "/node2/flash/pkey", r + "/elsewhere4", r + "/node4"})
+        fs::create_directories(dir);
+    for (const std::string &file : {w1 + "/pkey/rsa/a.key", w1 + "/notes.txt", o + "/a"})
+        std::ofstream(file) << "x";
+    fs::create_directory_symlink(r, o + "/store");
+    fs::create_directory_symlink(r + "/elsewhere4", r + "/node4/flash");
+    fs::create_symlink("../../device.key", w1 + "/lnk");
+    fs::create_symlink(r + "/db/new.db", w1 + "/dangling");
+    fs::create_hard_link(r + "/device.key", o + "/hl-devkey");
+    fs::create_hard_link(w1 + "/pkey/rsa/a.key", w1 + "/hl-key");
+    fs::create_hard_link(o + "/a", o + "/b");  // linked, but no file of the store
+
+    const std::string refused[] = {
+        r, r + "/", r + "/.", o + "/store",
+        r + "/device.key", r + "/.device.key.Ab12Cd", r + "/device.key.old", r + "/settings",
+        r + "/.settings.Xy12Zz", r + "/db", r + "/db/PKEY.db", r + "/db/PKEY.db-wal", r + "/db/x/y",
+        r + "/node1", r + "/node1/flash", r + "/node1/run", r + "/node7", r + "/node7/flash/pkey/x",
+        w1 + "/pkey", w1 + "/PKEY/rsa/a.key", w1 + "/pkey/rsa/new.key", w1 + "/HostKey",
+        w1 + "/serverkey", w1 + "/DSAKEY", w1 + "/ecdsakey", m1 + "/pkey", m1 + "/pkey/rsa/a.key",
+        r + "/node2/flash/pkey/x", r + "/node2/flash/hostkey",  // another node's
+        // Other spellings of the same places.
+        w1 + "/sub/../pkey/x", r + "/other/../device.key", r + "//node1/./flash//pkey/x",
+        o + "/store/device.key", o + "/store/node1/flash/pkey/rsa/a.key",
+        w1 + "/lnk", w1 + "/dangling", r + "/elsewhere4", r + "/elsewhere4/pkey/x",
+        r + "/node4/flash/hostkey",
+        "flash:/pkey/rsa/a.key", "flash:", "flash:/", "FLASH:/Pkey/x", "slot2#flash:/hostkey",
+        "slot7#flash:/pkey/x", "flash:/lnk", "flash:/a/../../pkey/x", "flash:/../hostkey",
+        "slot4#flash:/pkey/x",
+        // Other names of the store's files.
+        o + "/hl-devkey", w1 + "/hl-key"};
+    for (const std::string &name : refused)
+        EXPECT_EQ(FS_IsValidFullFileName(name.c_str(), 0, 0, 0), kFsErrStore) << name;
+
+    const std::string allowed[] = {
+        "flash:/backup.pub", "flash:/sub/hostkey", "flash:/pkeys/a", "slot2#flash:/notes.txt",
+        "cfcard:/pkey/x", w1 + "/notes.txt", w1 + "/sub/hostkey", w1 + "/hostkey.bak",
+        m1 + "/other", r + "/node1/notes", r + "/other/x", r + "/node01/flash/pkey/x",
+        r + "/hostkey", r + "/elsewhere4/notes", o + "/a", o + "/store/node1/flash/ok.txt",
+        o + "/new.pub"};
+    for (const std::string &name : allowed)
+        EXPECT_EQ(FS_IsValidFullFileName(name.c_str(), 0, 0, 0), 0) << name;
+    DBM_Close(h);
 }
 
 // ---------------------------------------------------------------------------

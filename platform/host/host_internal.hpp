@@ -24,6 +24,7 @@ inline constexpr int kFsErrParam = 0x50030001;     // NULL pointer, zero size
 inline constexpr int kFsErrSpace = 0x50030002;     // result does not fit the buffer
 inline constexpr int kFsErrNoStore = 0x50030003;   // no store root could be opened
 inline constexpr int kFsErrName = 0x50030004;      // malformed or relative file name
+inline constexpr int kFsErrStore = 0x50030005;     // the name lands on the store's own files
 
 // Format version byte and layout of a key-file cipher region.
 inline constexpr unsigned char kCipherVersion = 1;
