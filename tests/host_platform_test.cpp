@@ -47,6 +47,11 @@ int run_children(int n, const std::function<int(int)> &body) {
     return ok;
 }
 
+// The part must appear in this thread's HOST_LastError.
+#define EXPECT_ERROR_HAS(part)                                         \
+    EXPECT_NE(std::string(HOST_LastError()).find(part), std::string::npos) \
+        << "HOST_LastError: " << HOST_LastError()
+
 // A directory outside any store, removed with everything in it.
 class ScratchDir {
 public:
@@ -336,6 +341,7 @@ TEST_F(HostCipherTest, RoundTripsIgnoringBytesBehindTheUsedRegionAndInPlace) {
 TEST_F(HostCipherTest, RefusesChangedTruncatedAndForeignRegionsAndShortBuffers) {
     const Bytes p = plain(32);
     const Bytes region = encrypt(p, 19);
+    HOST_ClearError();
     for (std::size_t i = 0; i < p.size() + PKEY_CIPHER_OVERHEAD; ++i) {
         for (unsigned char flip : {0x01, 0x80}) {
             Bytes bad = region;
@@ -343,6 +349,7 @@ TEST_F(HostCipherTest, RefusesChangedTruncatedAndForeignRegionsAndShortBuffers) 
             EXPECT_TRUE(decrypt(bad, region.size()).empty()) << "byte " << i;
         }
     }
+    EXPECT_STREQ(HOST_LastError(), "");  // a region that does not decipher is a verdict
     EXPECT_TRUE(decrypt(region, p.size() - 1).empty());  // plaintext would not fit
     EXPECT_TRUE(decrypt(Bytes(region.begin(), region.begin() + 50), 64).empty());  // truncated
     {
@@ -526,6 +533,31 @@ TEST_F(HostDbmTest, ListingManyKeysGivesThemAllInTableOrder) {
     ASSERT_EQ(all.size(), kKeys);
     for (unsigned int i : {0u, 1u, 4999u, kKeys - 1})
         EXPECT_EQ(all[i], "peer-key-" + std::to_string(i));
+}
+
+TEST_F(HostDbmTest, AnUnreadableDatabaseFailsNamingTheFileAndSqlitesReason) {
+    pkey::test::put(store.root() + "/db/PKEY.db", std::string(4096, 'x'));
+    HOST_ClearError();
+    int h = -1;
+    EXPECT_NE(DBM_Open("PKEY", "PKEY", kRead, nullptr, &h), 0);
+    EXPECT_ERROR_HAS("cannot open the configuration database " + store.root() +
+                     "/db/PKEY.db: file is not a database");
+    // A record that is not there is an answer, not a failure.
+    HOST_ClearError();
+    const int other = db_open(kRead | kDelete, "OTHER");
+    EXPECT_EQ(get(other, "missing"), "<none>");
+    EXPECT_EQ(del(other, "missing"), DBM_ERR_NOT_FOUND);
+    EXPECT_STREQ(HOST_LastError(), "");
+}
+
+TEST_F(HostCipherTest, ADeviceKeyOfTheWrongSizeIsReportedAndNeverReplaced) {
+    const std::string key_file = store.root() + "/device.key";
+    pkey::test::put(key_file, std::string(12, 'k'));
+    HOST_ClearError();
+    Bytes region(64);
+    EXPECT_NE(PKEY_Encrypt(4, "abcd", 64, region.data()), 0u);
+    EXPECT_ERROR_HAS(key_file + ": wrong size (12 bytes)");
+    EXPECT_EQ(pkey::test::get(key_file), std::string(12, 'k'));
 }
 
 }  // namespace

@@ -44,6 +44,11 @@ StoreRef current_store();
 // root has not changed; it copies nothing.
 std::uint64_t current_generation();
 
+// This thread's error: the first failure since HOST_ClearError is kept.
+void record_error(std::string_view message);
+// strerror(err) without the thread-safety trouble of strerror.
+std::string errno_text(int err);
+
 // This process's id, kept up to date across fork() without a system call on
 // every use: caches compare it to notice they were inherited from a parent.
 int process_id() noexcept;

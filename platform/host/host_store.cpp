@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <string>
 
@@ -22,6 +23,8 @@ std::mutex g_store_mutex;
 std::string g_root;             // guarded by g_store_mutex
 std::uint64_t g_generation = 0;  // bumped at every successful switch of root
 std::atomic<std::uint64_t> g_published_generation{0};  // g_generation, readable without the mutex
+
+thread_local std::string t_last_error;
 
 std::atomic<pid_t> g_pid{0};
 void refresh_pid_in_child() noexcept { g_pid.store(::getpid(), std::memory_order_relaxed); }
@@ -52,6 +55,16 @@ std::string prepare_root(const char *root) {
 }
 
 }  // namespace
+
+void record_error(std::string_view message) {
+    if (t_last_error.empty()) t_last_error.assign(message);
+}
+
+std::string errno_text(int err) {
+    char buf[256];
+    // The GNU strerror_r returns its text, which may or may not be buf.
+    return ::strerror_r(err, buf, sizeof buf);
+}
 
 StoreRef current_store() {
     std::lock_guard lock(g_store_mutex);
@@ -107,3 +120,7 @@ extern "C" int HOST_Open(const char *root) {
         return 0;
     });
 }
+
+extern "C" const char *HOST_LastError(void) { return pkey::host::t_last_error.c_str(); }
+
+extern "C" void HOST_ClearError(void) { pkey::host::t_last_error.clear(); }
