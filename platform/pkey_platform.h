@@ -109,7 +109,8 @@ PLATFORM_API int FS_GetNodePathName(const char *path, unsigned int node, unsigne
 PLATFORM_API int FS_AnalyseFileName(const char *fullName, unsigned short *location1,
                                     unsigned short *location2, char *device, char *dir,
                                     char *file);
-/* 0 when the text is a well-formed full file name. */
+/* 0 when the text is a well-formed full file name that a user file operation
+ * may use; a platform may refuse names of its own files. */
 PLATFORM_API int FS_IsValidFullFileName(const char *fullName, unsigned int mode,
                                         unsigned int flags, unsigned int reserved);
 

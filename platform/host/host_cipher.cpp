@@ -73,34 +73,55 @@ bool write_all(int fd, const unsigned char *buf, std::size_t len) {
 
 enum class KeyFile { kLoaded, kMissing, kBroken };
 
-KeyFile read_key_file(const std::string &path, SecureBuffer &key) {
+KeyFile read_key_file(const std::string &path, SecureBuffer &key, std::string &why) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) return errno == ENOENT ? KeyFile::kMissing : KeyFile::kBroken;
+    if (fd < 0) {
+        const int err = errno;
+        if (err == ENOENT) return KeyFile::kMissing;
+        why = "cannot open " + path + ": " + errno_text(err);
+        return KeyFile::kBroken;
+    }
     struct stat st {};
     SecureBuffer buf(kDeviceKeyLen);
-    const bool ok = buf && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-                    st.st_size == static_cast<off_t>(kDeviceKeyLen) &&
-                    read_all(fd, buf.data(), kDeviceKeyLen);
+    if (!buf || ::fstat(fd, &st) != 0) {
+        why = "cannot read " + path;
+    } else if (!S_ISREG(st.st_mode)) {
+        why = path + ": not a regular file";
+    } else if (st.st_size != static_cast<off_t>(kDeviceKeyLen)) {
+        why = path + ": wrong size (" + std::to_string(st.st_size) + " bytes)";
+    } else if (!read_all(fd, buf.data(), kDeviceKeyLen)) {
+        why = "cannot read " + path;
+    }
     ::close(fd);
-    if (!ok) return KeyFile::kBroken;
+    if (!why.empty()) return KeyFile::kBroken;
     key = std::move(buf);
     return KeyFile::kLoaded;
 }
 
 // Makes a new device key and publishes it under path unless another process
 // got there first, in which case that process's key is used.
-bool create_key_file(const std::string &root, const std::string &path, SecureBuffer &key) {
+bool create_key_file(const std::string &root, const std::string &path, SecureBuffer &key,
+                     std::string &why) {
     SecureBuffer fresh(kDeviceKeyLen);
-    if (!fresh || RAND_priv_bytes(fresh.data(), kDeviceKeyLen) != 1) return false;
+    if (!fresh || RAND_priv_bytes(fresh.data(), kDeviceKeyLen) != 1) {
+        why = "cannot make " + path + ": the random generator failed";
+        return false;
+    }
 
     std::string temp = root + "/.device.key.XXXXXX";
     int fd = ::mkostemp(temp.data(), O_CLOEXEC);  // mode 0600
-    if (fd < 0) return false;
+    if (fd < 0) {
+        const int err = errno;
+        why = "cannot make " + path + ": " + errno_text(err);
+        return false;
+    }
     const bool written = ::fchmod(fd, 0600) == 0 && write_all(fd, fresh.data(), kDeviceKeyLen) &&
                          ::fsync(fd) == 0;
+    const int write_errno = errno;
     ::close(fd);
     if (!written) {
         ::unlink(temp.c_str());
+        why = "cannot make " + path + ": " + errno_text(write_errno);
         return false;
     }
     const int linked = ::link(temp.c_str(), path.c_str());
@@ -115,25 +136,34 @@ bool create_key_file(const std::string &root, const std::string &path, SecureBuf
         key = std::move(fresh);
         return true;
     }
-    return link_errno == EEXIST && read_key_file(path, key) == KeyFile::kLoaded;
+    if (link_errno != EEXIST) {
+        why = "cannot make " + path + ": " + errno_text(link_errno);
+        return false;
+    }
+    return read_key_file(path, key, why) == KeyFile::kLoaded;
 }
 
 // The device key of the current store, loaded or made on first use. Caller
-// holds g_key_mutex; NULL when there is no usable key.
+// holds g_key_mutex; NULL when there is no usable key (the reason recorded).
 const unsigned char *device_key_locked() {
     if (g_key.key && g_key.generation == current_generation()) return g_key.key.data();
     StoreRef store = current_store();
-    if (store.root.empty()) return nullptr;
     g_key.key.reset();
+    if (store.root.empty()) return nullptr;
     const std::string path = store.root + "/device.key";
     SecureBuffer key;
-    switch (read_key_file(path, key)) {
+    std::string why;
+    switch (read_key_file(path, key, why)) {
         case KeyFile::kLoaded:
             break;
         case KeyFile::kMissing:
-            if (!create_key_file(store.root, path, key)) return nullptr;
+            if (!create_key_file(store.root, path, key, why)) {
+                record_error(why);
+                return nullptr;
+            }
             break;
         case KeyFile::kBroken:
+            record_error(why);
             return nullptr;  // never replace a key that enciphered existing files
     }
     g_key.key = std::move(key);

@@ -83,6 +83,7 @@ public:
     Connection &operator=(const Connection &) = delete;
 
     bool open(const std::string &path) {
+        path_ = path;
         if (sqlite3_open_v2(path.c_str(), &db_,
                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                             nullptr) != SQLITE_OK)
@@ -105,6 +106,7 @@ public:
     // Commits the batch; on failure the transaction is rolled back.
     bool commit_batch() {
         if (exec("COMMIT")) return true;
+        fail("commit");
         (void)sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
         return false;
     }
@@ -113,14 +115,27 @@ public:
     sqlite3_stmt *stmt(Stmt which) {
         if (stmts_[which] == nullptr &&
             sqlite3_prepare_v3(db_, kStmtSql[which], -1, SQLITE_PREPARE_PERSISTENT, &stmts_[which],
-                               nullptr) != SQLITE_OK)
+                               nullptr) != SQLITE_OK) {
+            fail("a statement");
             stmts_[which] = nullptr;
+        }
         return stmts_[which];
+    }
+
+    // Records what SQLite said about the last failed call.
+    void fail(const char *what) const {
+        record_error("configuration database " + path_ + ": " + what + " failed: " + message());
+    }
+    // Records why the database could not be opened.
+    void fail_open() const {
+        record_error("cannot open the configuration database " + path_ + ": " + message());
     }
 
     sqlite3 *db() const { return db_; }
 
 private:
+    std::string message() const { return db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory"; }
+
     bool exec(const char *sql) {
         // The busy handler covers most contention; a statement that still
         // reports busy (as journal-mode changes can) is simply run again.
@@ -136,6 +151,7 @@ private:
 
     sqlite3 *db_ = nullptr;
     sqlite3_stmt *stmts_[kStmtCount] = {};
+    std::string path_;
 };
 
 // Resets a statement (ending its read snapshot) and clears its bindings when it goes.
@@ -216,9 +232,16 @@ Connection *connection_for(const std::string &db_name) {
     auto it = g_dbm.connections.find(db_name);
     if (it != g_dbm.connections.end()) return it->second.get();
     const std::string dir = g_dbm.root + "/db";
-    if (::mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST) return nullptr;
+    if (::mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST) {
+        const int err = errno;
+        record_error("cannot create the database directory " + dir + ": " + errno_text(err));
+        return nullptr;
+    }
     auto conn = std::make_unique<Connection>();
-    if (!conn->open(dir + "/" + db_name + ".db")) return nullptr;
+    if (!conn->open(dir + "/" + db_name + ".db")) {
+        conn->fail_open();
+        return nullptr;
+    }
     return g_dbm.connections.emplace(db_name, std::move(conn)).first->second.get();
 }
 
@@ -269,6 +292,14 @@ void bind_key(sqlite3_stmt *s, const char *key, unsigned int keyLen) {
 
 bool key_ok(const char *key, unsigned int keyLen) {
     return (key != nullptr || keyLen == 0) && keyLen <= static_cast<unsigned int>(INT32_MAX);
+}
+
+// True when a step gave a row. No row is a verdict, not a failure; anything
+// else is recorded.
+bool row(const Connection &c, int rc, const char *what) {
+    if (rc == SQLITE_ROW) return true;
+    if (rc != SQLITE_DONE) c.fail(what);
+    return false;
 }
 
 // Key texts of one listing, in one buffer that the entries point into.
@@ -342,7 +373,7 @@ int DBM_Len(int handle, const char *key, unsigned int keyLen) {
         if (s == nullptr) return -1;
         StmtUse use(s);
         bind_key(s, key, keyLen);
-        if (use.step() != SQLITE_ROW) return -1;
+        if (!row(*t.conn, use.step(), "a read")) return -1;
         return sqlite3_column_int(s, 0);
     });
 }
@@ -358,7 +389,7 @@ int DBM_GetBinary(int handle, const char *key, unsigned int keyLen, unsigned int
         if (s == nullptr) return -1;
         StmtUse use(s);
         bind_key(s, key, keyLen);
-        if (use.step() != SQLITE_ROW) return -1;
+        if (!row(*t.conn, use.step(), "a read")) return -1;
         const auto *value = static_cast<const unsigned char *>(sqlite3_column_blob(s, 0));
         const auto len = static_cast<unsigned int>(sqlite3_column_bytes(s, 0));
         if (value == nullptr || offset >= len) return 0;
@@ -386,7 +417,9 @@ int DBM_SetBinary(int handle, const char *key, unsigned int keyLen, int offset, 
         sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(valueType));
         sqlite3_bind_blob(s, 3, len == 0 ? static_cast<const void *>(kEmpty) : value,
                           static_cast<int>(len), SQLITE_STATIC);
-        return use.step() == SQLITE_DONE ? DBM_OK : DBM_ERR_IO;
+        if (use.step() == SQLITE_DONE) return DBM_OK;
+        t.conn->fail("a write");
+        return DBM_ERR_IO;
     });
 }
 
@@ -402,7 +435,10 @@ int DBM_DeleteKey(int handle, const char *key, unsigned int keyLen) {
         if (s == nullptr) return DBM_ERR_IO;
         StmtUse use(s);
         bind_key(s, key, keyLen);
-        if (use.step() != SQLITE_DONE) return DBM_ERR_IO;
+        if (use.step() != SQLITE_DONE) {
+            t.conn->fail("a delete");
+            return DBM_ERR_IO;
+        }
         return sqlite3_changes(t.conn->db()) > 0 ? DBM_OK : DBM_ERR_NOT_FOUND;
     });
 }
@@ -416,7 +452,7 @@ unsigned int DBM_GetKeyNumByValueType(int handle, unsigned int valueType) {
         if (s == nullptr) return 0;
         StmtUse use(s);
         sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(valueType));
-        if (use.step() != SQLITE_ROW) return 0;
+        if (!row(*t.conn, use.step(), "a count")) return 0;
         return static_cast<unsigned int>(sqlite3_column_int64(s, 0));
     });
 }
@@ -444,7 +480,8 @@ unsigned int DBM_GetKeysByValueType(int handle, unsigned int capacity, unsigned 
         offsets.reserve(std::min<std::size_t>(capacity, 1U << 17));
         it->bytes.reserve(offsets.capacity() * 16);
         unsigned int filled = 0;
-        while (filled < capacity && use.step() == SQLITE_ROW) {
+        int rc = SQLITE_ROW;
+        while (filled < capacity && (rc = use.step()) == SQLITE_ROW) {
             const auto *k = static_cast<const char *>(sqlite3_column_blob(s, 0));
             const auto n = static_cast<unsigned int>(sqlite3_column_bytes(s, 0));
             offsets.push_back(it->bytes.size());
@@ -452,6 +489,7 @@ unsigned int DBM_GetKeysByValueType(int handle, unsigned int capacity, unsigned 
             entries[filled] = DBM_KEY_ENTRY_S{nullptr, n, 0, 0};
             ++filled;
         }
+        if (rc != SQLITE_ROW && rc != SQLITE_DONE) t.conn->fail("a listing");
         const char *base = it->bytes.data();
         for (unsigned int i = 0; i < filled; ++i) entries[i].pcKey = base + offsets[i];
         return filled;

@@ -6,12 +6,18 @@
 // directory - directly, through symlinks, "//", "." or ".." - is reported as
 // being on device "flash" of that node's slot, so that callers guarding the key
 // store see through every spelling of it.
+//
+// FS_IsValidFullFileName refuses, besides malformed names, every name that
+// lands (through any spelling, symlink or hard link) on the store's own
+// machinery: the root, its device key, settings and databases, each node's
+// directories, key trees and default key files.
 
 #include <dirent.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <deque>
@@ -238,7 +244,7 @@ void split_dir_file(const std::vector<std::string> &parts, std::size_t from, boo
     }
 }
 
-bool analyse(std::string_view name, Analysis &a) {
+bool analyse(std::string_view name, const std::string &root, Analysis &a) {
     DeviceName dev;
     if (parse_device_form(name, dev)) {
         a.device.assign(dev.device);
@@ -257,7 +263,7 @@ bool analyse(std::string_view name, Analysis &a) {
     const bool is_directory = names_directory(name);
     unsigned int slot = 0;
     std::size_t below = 0;
-    if (locate_in_store(current_store().root, parts, slot, below)) {
+    if (locate_in_store(root, parts, slot, below)) {
         a.device.assign(kFlashDevice);
         a.location1 = 0;
         a.location2 = static_cast<unsigned short>(slot);
@@ -266,6 +272,221 @@ bool analyse(std::string_view name, Analysis &a) {
         split_dir_file(parts, 0, is_directory, a);
     }
     return true;
+}
+
+
+// ---------------------------------------------------------------------------
+// The store's own files, which no user file operation may touch.
+
+using Parts = std::vector<std::string>;
+
+bool iequals(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+bool is_default_key_name(std::string_view name) {
+    for (std::string_view key : {"hostkey", "serverkey", "dsakey", "ecdsakey"})
+        if (iequals(name, key)) return true;
+    return false;
+}
+
+bool is_node_name(std::string_view name) {
+    unsigned int n = 0;
+    return name.starts_with("node") && parse_number(name.substr(4), n);
+}
+
+// Files of the root itself: the device key, the settings and their temporaries.
+bool is_root_file_name(std::string_view name) {
+    for (std::string_view prefix : {"device.key", ".device.key", "settings", ".settings"})
+        if (name.starts_with(prefix)) return true;
+    return false;
+}
+
+bool has_prefix(const Parts &path, const Parts &prefix) {
+    return prefix.size() <= path.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
+}
+
+Parts to_parts(std::string_view path) {
+    Parts out;
+    for (std::string_view c : split_components(path)) out.emplace_back(c);
+    return out;
+}
+
+// A directory of the store, as reached by some spelling of it.
+struct Anchor {
+    enum Kind { kNode, kFlash, kRun, kDb } kind;
+    Parts parts;
+};
+
+// Whether the part of a path below a flash work directory or memory root is
+// the store's: the directory itself, its "pkey" tree, or (flash only) a
+// default key file at its top.
+bool flash_tail_is_store(const Parts &path, std::size_t from) {
+    if (from == path.size()) return true;
+    if (iequals(path[from], "pkey")) return true;
+    return from + 1 == path.size() && is_default_key_name(path[from]);
+}
+bool run_tail_is_store(const Parts &path, std::size_t from) {
+    return from == path.size() || iequals(path[from], "pkey");
+}
+
+bool anchor_covers(const Anchor &a, const Parts &path) {
+    if (!has_prefix(path, a.parts)) return false;
+    const std::size_t at = a.parts.size();
+    switch (a.kind) {
+        case Anchor::kDb:
+            return true;
+        case Anchor::kFlash:
+            return flash_tail_is_store(path, at);
+        case Anchor::kRun:
+            return run_tail_is_store(path, at);
+        case Anchor::kNode:
+            if (at == path.size()) return true;
+            if (path[at] == kFlashDevice) return flash_tail_is_store(path, at + 1);
+            if (path[at] == "run") return run_tail_is_store(path, at + 1);
+            return false;
+    }
+    return false;
+}
+
+// Node directory names present in the root.
+std::vector<std::string> node_entries(const std::string &root) {
+    std::vector<std::string> names;
+    DIR *dir = ::opendir(root.c_str());
+    if (dir == nullptr) return names;
+    while (struct dirent *e = ::readdir(dir))
+        if (is_node_name(e->d_name)) names.emplace_back(e->d_name);
+    ::closedir(dir);
+    return names;
+}
+
+// The store's directories in their resolved spelling, for those that are
+// symlinks to somewhere else (the spelled-out forms are matched by name).
+std::vector<Anchor> resolved_anchors(const std::string &root) {
+    std::vector<Anchor> anchors;
+    const auto add = [&](Anchor::Kind kind, const std::string &path) {
+        MallocPtr<char> real(::realpath(path.c_str(), nullptr));
+        if (real && std::string_view(real.get()) != path)
+            anchors.push_back({kind, to_parts(real.get())});
+    };
+    add(Anchor::kDb, root + "/db");
+    for (const std::string &node : node_entries(root)) {
+        const std::string dir = root + "/" + node;
+        add(Anchor::kNode, dir);
+        add(Anchor::kFlash, dir + "/flash");
+        add(Anchor::kRun, dir + "/run");
+    }
+    return anchors;
+}
+
+bool is_store_path(const std::string &root, const Parts &path) {
+    const Parts r = to_parts(root);
+    if (has_prefix(path, r)) {
+        const std::size_t at = r.size();
+        if (at == path.size()) return true;
+        if (at + 1 == path.size() && is_root_file_name(path[at])) return true;
+        if (path[at] == "db") return true;
+        if (is_node_name(path[at])) {
+            const Anchor node{Anchor::kNode, Parts(path.begin(), path.begin() + static_cast<long>(at + 1))};
+            if (anchor_covers(node, path)) return true;
+        }
+    }
+    for (const Anchor &a : resolved_anchors(root))
+        if (anchor_covers(a, path)) return true;
+    return false;
+}
+
+using FileId = std::pair<dev_t, ino_t>;
+
+// Adds the regular files under dir (not following symlinks below it) to ids.
+void collect_files(const std::string &dir, int depth, std::vector<FileId> &ids) {
+    constexpr int kMaxDepth = 16;
+    if (depth > kMaxDepth) return;
+    DIR *d = ::opendir(dir.c_str());
+    if (d == nullptr) return;
+    while (struct dirent *e = ::readdir(d)) {
+        const std::string_view name(e->d_name);
+        if (name == "." || name == "..") continue;
+        const std::string path = dir + "/" + e->d_name;
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            collect_files(path, depth + 1, ids);
+        } else if (S_ISREG(st.st_mode)) {
+            ids.emplace_back(st.st_dev, st.st_ino);
+        }
+    }
+    ::closedir(d);
+}
+
+void collect_file(const std::string &path, std::vector<FileId> &ids) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+        ids.emplace_back(st.st_dev, st.st_ino);
+}
+
+// The store's own files: root files, databases, key trees and default key files.
+std::vector<FileId> store_files(const std::string &root) {
+    std::vector<FileId> ids;
+    DIR *d = ::opendir(root.c_str());
+    if (d != nullptr) {
+        while (struct dirent *e = ::readdir(d))
+            if (is_root_file_name(e->d_name)) collect_file(root + "/" + e->d_name, ids);
+        ::closedir(d);
+    }
+    collect_files(root + "/db", 0, ids);
+    for (const std::string &node : node_entries(root)) {
+        const std::string flash = root + "/" + node + "/flash";
+        if (DIR *f = ::opendir(flash.c_str())) {
+            while (struct dirent *e = ::readdir(f)) {
+                if (iequals(e->d_name, "pkey"))
+                    collect_files(flash + "/" + e->d_name, 0, ids);
+                else if (is_default_key_name(e->d_name))
+                    collect_file(flash + "/" + e->d_name, ids);
+            }
+            ::closedir(f);
+        }
+        const std::string run = root + "/" + node + "/run";
+        if (DIR *m = ::opendir(run.c_str())) {
+            while (struct dirent *e = ::readdir(m))
+                if (iequals(e->d_name, "pkey")) collect_files(run + "/" + e->d_name, 0, ids);
+            ::closedir(m);
+        }
+    }
+    return ids;
+}
+
+// A file that is already there under another name of one of the store's files.
+bool is_store_file_link(const std::string &root, const std::string &path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink < 2) return false;
+    const FileId id{st.st_dev, st.st_ino};
+    for (const FileId &own : store_files(root))
+        if (own == id) return true;
+    return false;
+}
+
+// 0, or kFsErrStore when the name lands on the store's own files.
+int check_store_name(std::string_view name, const std::string &root) {
+    std::string host;
+    DeviceName dev;
+    if (parse_device_form(name, dev)) {
+        if (!iequals(dev.device, kFlashDevice)) return 0;  // not a device the store lives on
+        const unsigned int slot = dev.has_slot ? dev.slot : settings_self_node();
+        Parts rest;
+        push_lexically(rest, split_components(dev.rest), 0);
+        host = node_path(root, slot, kFlashDevice);
+        for (const std::string &c : rest) host.append("/").append(c);
+    } else {
+        host.assign(name);
+    }
+    Parts resolved;
+    if (!resolve_host_path(host, resolved)) return kFsErrName;
+    if (is_store_path(root, resolved)) return kFsErrStore;
+    std::string target;
+    for (const std::string &c : resolved) target.append("/").append(c);
+    if (target.empty()) target = "/";
+    return is_store_file_link(root, target) ? kFsErrStore : 0;
 }
 
 }  // namespace
@@ -312,8 +533,10 @@ int FS_AnalyseFileName(const char *fullName, unsigned short *location1, unsigned
         if (fullName == nullptr || location1 == nullptr || location2 == nullptr ||
             device == nullptr || dir == nullptr || file == nullptr)
             return kFsErrParam;
+        StoreRef store = current_store();
+        if (store.root.empty()) return kFsErrNoStore;
         Analysis a;
-        if (!analyse(fullName, a)) return kFsErrName;
+        if (!analyse(fullName, store.root, a)) return kFsErrName;
         if (a.device.size() >= FS_DEVICE_NAME_LEN || a.dir.size() >= FS_DIR_NAME_LEN ||
             a.file.size() >= FS_FILE_NAME_LEN)
             return kFsErrSpace;
@@ -331,17 +554,22 @@ int FS_IsValidFullFileName(const char *fullName, unsigned int mode, unsigned int
     (void)mode;
     (void)flags;
     (void)reserved;
-    if (fullName == nullptr) return kFsErrParam;
-    const std::size_t len = ::strnlen(fullName, kMaxFullNameLen);
-    if (len == 0 || len >= kMaxFullNameLen) return kFsErrName;
-    std::string_view name(fullName, len);
-    for (char c : name) {
-        const auto u = static_cast<unsigned char>(c);
-        if (u < 0x20 || u == 0x7F) return kFsErrName;
-    }
-    DeviceName dev;
-    if (name.front() == '/' || parse_device_form(name, dev)) return 0;
-    return kFsErrName;
+    return pkey::c_boundary(kFsErrName, [&] {
+        if (fullName == nullptr) return kFsErrParam;
+        const std::size_t len = ::strnlen(fullName, kMaxFullNameLen);
+        if (len == 0 || len >= kMaxFullNameLen) return kFsErrName;
+        std::string_view name(fullName, len);
+        for (char c : name) {
+            const auto u = static_cast<unsigned char>(c);
+            if (u < 0x20 || u == 0x7F) return kFsErrName;
+        }
+        DeviceName dev;
+        if (name.front() != '/' && !parse_device_form(name, dev)) return kFsErrName;
+        // Without a store nobody can tell whether the name reaches it.
+        StoreRef store = current_store();
+        if (store.root.empty()) return kFsErrNoStore;
+        return check_store_name(name, store.root);
+    });
 }
 
 }  // extern "C"

@@ -3,7 +3,9 @@
 // The library keeps one process-wide store root. Every module that caches
 // something tied to a root (the settings mapping, the device key, database
 // connections) remembers the generation of the root it was built for and
-// rebuilds its cache when current_store() reports another generation.
+// rebuilds its cache when current_store() reports another generation. Every
+// change of store, a failed one included, makes a new generation, so no cache
+// outlives the store it was built for.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +26,7 @@ inline constexpr int kFsErrParam = 0x50030001;     // NULL pointer, zero size
 inline constexpr int kFsErrSpace = 0x50030002;     // result does not fit the buffer
 inline constexpr int kFsErrNoStore = 0x50030003;   // no store root could be opened
 inline constexpr int kFsErrName = 0x50030004;      // malformed or relative file name
+inline constexpr int kFsErrStore = 0x50030005;     // the name lands on the store's own files
 
 // Format version byte and layout of a key-file cipher region.
 inline constexpr unsigned char kCipherVersion = 1;
@@ -33,15 +36,31 @@ inline constexpr unsigned int kCipherMaxPlain = 0xFFFFU;
 inline constexpr unsigned int kDeviceKeyLen = 64;  // AES-256-SIV takes two 256-bit keys
 
 struct StoreRef {
-    std::string root;  // absolute, no trailing "/"; empty when no store could be opened
+    std::string root;  // absolute, no trailing "/"; empty when there is no usable store
     std::uint64_t generation = 0;
 };
 
-// The store in use. Opens $PKEY_ROOT (or ./pkey-store) when HOST_Open was never called.
+// The store in use. Opens $PKEY_ROOT (or ./pkey-store) when HOST_Open was never
+// called. With no usable store the root is empty and the reason is recorded
+// as this thread's error.
 StoreRef current_store();
-// Just its generation (0: no store), for caches that only need to know the
-// root has not changed; it copies nothing.
+// Just its generation, for caches that only need to know the store has not
+// changed; it copies nothing. A cache never holds the generation of a failed
+// open, so a mismatch sends it to current_store().
 std::uint64_t current_generation();
+// Takes the usable store of that generation away (its settings no longer
+// verify); every service fails until the next successful open.
+void store_failed(std::uint64_t generation, const std::string &reason);
+
+// This thread's error: the first failure since HOST_ClearError is kept.
+void record_error(std::string_view message);
+// strerror(err) without the thread-safety trouble of strerror.
+std::string errno_text(int err);
+
+// Checks <root>/settings as an open does: verifies it, migrates an older
+// layout, and (with create) makes a missing file with the defaults. On
+// failure why holds the one-line reason.
+bool settings_verify(const std::string &root, bool create, std::string &why);
 
 // This process's id, kept up to date across fork() without a system call on
 // every use: caches compare it to notice they were inherited from a parent.

@@ -10,9 +10,16 @@
  *   <root>/device.key      the key-file cipher's device key (mode 0600)
  *   <root>/settings        the settings below, shared by every process
  *
- * Without HOST_Open the root is $PKEY_ROOT, or else ./pkey-store. Settings are
- * read afresh at every call, so a change made by one process is seen by every
- * other process using the same root at its next call.
+ * Without HOST_Open the root is $PKEY_ROOT, or else ./pkey-store, opened as
+ * HOST_Open would at the first service call. Settings are read afresh at
+ * every call, so a change made by one process is seen by every other process
+ * using the same root at its next call. The settings file carries a checksum
+ * and is checked whenever a process opens the store; one that does not check
+ * out is refused and left as it is, never replaced with defaults.
+ *
+ * FS_IsValidFullFileName refuses (0x50030005) every name that lands on the
+ * store's own files, whatever the spelling: the root, device.key, settings,
+ * db/, each node's directories, its "pkey" trees and its default key files.
  */
 #ifndef HOST_PLATFORM_H
 #define HOST_PLATFORM_H
@@ -36,10 +43,13 @@ extern "C" {
  * reads raised, so that nothing is generated, purged or written on the
  * strength of settings that cannot be trusted. HOST_LastError says why.
  */
-/* Uses root as the store, creating it (and its settings) if missing. 0 or -1. */
+/* Uses root as the store, creating it (and its settings) if missing. Settings
+ * of the older layout are rewritten in the current one, keeping their values.
+ * 0 or -1. */
 HOST_API int HOST_Open(const char *root);
 /* Uses root as the store only when a store is there already (a directory
- * holding a settings file); never creates anything. 0 or -1. */
+ * holding a settings file); never creates anything, though settings of the
+ * older layout are still rewritten in the current one. 0 or -1. */
 HOST_API int HOST_OpenExisting(const char *root);
 
 /*
@@ -47,13 +57,14 @@ HOST_API int HOST_OpenExisting(const char *root);
  * last HOST_ClearError, as one line that names what failed and why (for
  * example the database file and SQLite's message); "" when there was none.
  * Verdicts are not failures: a record that is not there, a key file that does
- * not decipher or a file name the store refuses record nothing.
+ * not decipher or a file name the store refuses record nothing. The text
+ * stays valid on this thread until HOST_ClearError.
  */
 HOST_API const char *HOST_LastError(void);
 HOST_API void HOST_ClearError(void);
 
-/* Settings. Each returns 0, or -1 when the settings cannot be written
- * (HOST_LastError says why). */
+/* Settings. Each returns 0, or -1 when there is no usable store, the value
+ * cannot be kept or the file cannot be written (HOST_LastError says why). */
 /* FIPS mode: 1 on, 0 off, -1 follow the kernel's flag (the default). */
 HOST_API int HOST_SetFipsMode(int on);
 /* Algorithm switch of CRYPTO_AlgoIsEnabled: 1 enabled, 0 disabled, -1 back to the default. */

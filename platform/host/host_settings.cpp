@@ -2,11 +2,16 @@
 // services that report them (crypto mode and algorithm switches, memory alarm,
 // node identity, standby nodes, node status).
 //
-// <root>/settings is a small fixed-layout file that every process maps
-// MAP_SHARED. A change is a few atomic stores into the mapping, so the next
-// call of any process sees it without re-reading anything. Writers hold an
-// exclusive flock on the file; the standby list, the one field that is more
-// than one word, is read under a shared flock so no reader sees half a list.
+// <root>/settings is a small fixed-layout file (host_settings_file.hpp) that
+// every process maps MAP_SHARED. A read is an atomic load from the mapping
+// and a byte-order conversion (none on little-endian machines), so the next
+// call of any process sees a change without a system call. Writers hold an
+// exclusive flock on the file while they check it, change a few values and
+// reseal its checksum; the standby list, the one field that is more than one
+// word, is read under a shared flock so no reader sees half a list.
+//
+// Without a usable store every reading takes its strict side: FIPS mode on,
+// MD5 off, the memory alarm raised.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -15,6 +20,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -23,36 +29,12 @@
 
 #include "host_internal.hpp"
 #include "host_platform.h"
+#include "host_settings_file.hpp"
 #include "pkey_platform.h"
 #include "pkey_util.hpp"
 
 namespace pkey::host {
 namespace {
-
-constexpr std::uint32_t kSettingsMagic = 0x50484B53U;  // "PHKS"
-constexpr std::uint32_t kSettingsVersion = 1;
-constexpr unsigned int kMaxStandby = 64;
-constexpr unsigned int kMaxStatus = 64;
-constexpr unsigned int kAlgoCodes = 256;
-
-struct NodeStatus {
-    std::uint32_t node;
-    std::int32_t status;
-};
-
-struct SettingsLayout {
-    std::uint32_t magic;
-    std::uint32_t version;
-    std::uint32_t size;
-    std::int32_t fips;       // -1 follow the kernel, 0 off, 1 on
-    std::int32_t mem_alarm;  // 0 normal
-    std::uint32_t self_node;
-    std::uint32_t standby_count;
-    std::uint32_t status_count;
-    std::uint16_t standby[kMaxStandby];
-    NodeStatus status[kMaxStatus];
-    std::int8_t algo[kAlgoCodes];  // -1 default, 0 disabled, 1 enabled
-};
 
 template <typename T>
 T load(const T &field) noexcept {
@@ -62,16 +44,14 @@ template <typename T, typename V>
 void store(T &field, V value) noexcept {
     __atomic_store_n(&field, static_cast<T>(value), __ATOMIC_RELEASE);
 }
-
-void fill_defaults(SettingsLayout &s) noexcept {
-    std::memset(&s, 0, sizeof s);
-    s.magic = kSettingsMagic;
-    s.version = kSettingsVersion;
-    s.size = sizeof s;
-    s.fips = -1;
-    s.mem_alarm = 0;
-    s.self_node = 1;
-    std::memset(s.algo, 0xFF, sizeof s.algo);
+// A value of the mapping in host order, and back.
+template <typename R, typename T>
+R get(const T &field) noexcept {
+    return static_cast<R>(le(load(field)));
+}
+template <typename T, typename V>
+void put(T &field, V value) noexcept {
+    store(field, le(static_cast<T>(value)));
 }
 
 // Holds flock(op) on fd for its lifetime.
@@ -83,6 +63,7 @@ public:
     }
     FileLock(const FileLock &) = delete;
     FileLock &operator=(const FileLock &) = delete;
+    bool ok() const noexcept { return ok_; }
 
 private:
     int fd_;
@@ -93,7 +74,8 @@ struct SettingsMap {
     std::uint64_t generation = 0;
     pid_t pid = 0;
     int fd = -1;
-    SettingsLayout *map = nullptr;
+    MappedSettings *map = nullptr;
+    std::string path;
 
     void reset() noexcept {
         if (map != nullptr) ::munmap(map, sizeof *map);
@@ -102,77 +84,122 @@ struct SettingsMap {
         fd = -1;
         generation = 0;
         pid = 0;
+        path.clear();
     }
 };
 
 std::mutex g_settings_mutex;
 SettingsMap g_settings;  // guarded by g_settings_mutex
 
-// Opens and maps <root>/settings, (re)writing the defaults when the file is
-// new or was left by another layout.
-bool map_settings(const std::string &root, SettingsMap &out) {
-    const std::string path = root + "/settings";
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
-    if (fd < 0) return false;
-    {
-        FileLock lock(fd, LOCK_EX);
-        struct stat st {};
-        if (::fstat(fd, &st) != 0) {
-            ::close(fd);
-            return false;
-        }
-        SettingsLayout current{};
-        bool valid = st.st_size == static_cast<off_t>(sizeof current) &&
-                     ::pread(fd, &current, sizeof current, 0) == static_cast<ssize_t>(sizeof current) &&
-                     current.magic == kSettingsMagic && current.version == kSettingsVersion &&
-                     current.size == sizeof current;
-        if (!valid) {
-            if (st.st_size == 0) (void)::fchmod(fd, 0660);  // a file we just made: umask aside
-            SettingsLayout fresh;
-            fill_defaults(fresh);
-            if (::ftruncate(fd, sizeof fresh) != 0 ||
-                ::pwrite(fd, &fresh, sizeof fresh, 0) != static_cast<ssize_t>(sizeof fresh)) {
-                ::close(fd);
-                return false;
-            }
-        }
-    }
-    void *p = ::mmap(nullptr, sizeof(SettingsLayout), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+// Opens, verifies and maps <root>/settings; the mapping is made under the
+// same lock as the check, so it holds what was checked.
+bool map_settings(const std::string &root, SettingsMap &out, std::string &why) {
+    SettingsFile file;
+    if (!open_settings(root, false, file, why)) return false;
+    void *p = ::mmap(nullptr, sizeof(MappedSettings), PROT_READ | PROT_WRITE, MAP_SHARED,
+                     file.fd(), 0);
     if (p == MAP_FAILED) {
-        ::close(fd);
+        const int err = errno;
+        why = "cannot map " + root + "/settings: " + errno_text(err);
         return false;
     }
-    out.fd = fd;
-    out.map = static_cast<SettingsLayout *>(p);
+    out.fd = file.release();
+    out.map = static_cast<MappedSettings *>(p);
+    out.path = root + "/settings";
     return true;
 }
 
-// The mapping of the current store, remade after a root switch or a fork (a
-// child needs its own open file: flock locks belong to the open file, which a
-// child shares with its parent). Caller holds g_settings_mutex. NULL when the
-// settings cannot be mapped.
-SettingsLayout *settings_locked() {
+// The mapping of the current store, remade after a change of store or a fork
+// (a child needs its own open file: flock locks belong to the open file,
+// which a child shares with its parent). Caller holds g_settings_mutex. NULL
+// when there is no usable store; a file that no longer verifies takes the
+// store away.
+MappedSettings *settings_locked() {
     const pid_t pid = process_id();
     if (g_settings.map != nullptr && g_settings.generation == current_generation() &&
         g_settings.pid == pid)
         return g_settings.map;
     StoreRef store = current_store();
-    if (store.root.empty()) return nullptr;
     g_settings.reset();
-    if (!map_settings(store.root, g_settings)) return nullptr;
+    if (store.root.empty()) return nullptr;
+    std::string why;
+    if (!map_settings(store.root, g_settings, why)) {
+        g_settings.reset();
+        record_error(why);
+        store_failed(store.generation, why);
+        return nullptr;
+    }
     g_settings.generation = store.generation;
     g_settings.pid = pid;
     return g_settings.map;
 }
 
-// Runs fn(settings) under the process mutex and the exclusive file lock.
+// True when the file behind the mapping is still the one at its name and
+// still verifies. Caller holds the exclusive lock.
+enum class Current { kYes, kReplaced, kDamaged };
+Current check_current(std::string &why) {
+    struct stat st {};
+    struct stat named {};
+    if (::fstat(g_settings.fd, &st) != 0) {
+        const int err = errno;
+        why = "cannot read " + g_settings.path + ": " + errno_text(err);
+        return Current::kDamaged;
+    }
+    if (::stat(g_settings.path.c_str(), &named) != 0 || named.st_dev != st.st_dev ||
+        named.st_ino != st.st_ino)
+        return Current::kReplaced;
+    // A shorter file would fault on access to the mapping; size first.
+    std::string cause;
+    if (st.st_size != static_cast<off_t>(kSettingsSize)) {
+        why = settings_refusal(g_settings.path, wrong_size_cause(st.st_size));
+        return Current::kDamaged;
+    }
+    unsigned char bytes[kSettingsSize];
+    std::memcpy(bytes, g_settings.map, kSettingsSize);
+    if (!verify_settings(bytes, kSettingsSize, cause)) {
+        why = settings_refusal(g_settings.path, cause);
+        return Current::kDamaged;
+    }
+    return Current::kYes;
+}
+
+// Runs fn(settings) under the process mutex and the exclusive file lock, then
+// seals the file. The file is checked first, so a damaged one is never sealed
+// as if it were good. fn returns false to refuse the change. 0 or -1.
 template <typename F>
-void update(F &&fn) {
+int update(F &&fn) {
     std::lock_guard lock(g_settings_mutex);
-    SettingsLayout *s = settings_locked();
-    if (s == nullptr) return;
-    FileLock flock_guard(g_settings.fd, LOCK_EX);
-    fn(*s);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        MappedSettings *s = settings_locked();
+        if (s == nullptr) return -1;
+        Current state = Current::kYes;
+        {
+            FileLock flock_guard(g_settings.fd, LOCK_EX);
+            if (!flock_guard.ok()) {
+                const int err = errno;
+                record_error("cannot lock " + g_settings.path + ": " + errno_text(err));
+                return -1;
+            }
+            std::string why;
+            state = check_current(why);
+            if (state == Current::kDamaged) {
+                record_error(why);
+                store_failed(g_settings.generation, why);
+                return -1;
+            }
+            if (state == Current::kYes) {
+                if (!fn(*s)) return -1;
+                if (!seal_settings(*s)) {
+                    record_error("cannot write " + g_settings.path + ": no SHA-256 available");
+                    return -1;
+                }
+                return 0;
+            }
+        }
+        g_settings.reset();  // replaced: write the file that is there now
+    }
+    record_error("cannot write the settings: the file keeps being replaced");
+    return -1;
 }
 
 // The kernel's FIPS flag, read once per process; a missing file means off.
@@ -189,16 +216,21 @@ int kernel_fips() {
 }
 
 int fips_enabled() {
-    int mode = -1;
+    int mode = 1;  // without trustworthy settings, the strict policy
     {
         std::lock_guard lock(g_settings_mutex);
-        if (SettingsLayout *s = settings_locked()) mode = load(s->fips);
+        if (MappedSettings *s = settings_locked()) mode = get<std::int32_t>(s->fips);
     }
     if (mode < 0) return kernel_fips();
     return mode != 0 ? 1 : 0;
 }
 
 }  // namespace
+
+bool settings_verify(const std::string &root, bool create, std::string &why) {
+    SettingsFile file;
+    return open_settings(root, create, file, why);
+}
 
 void settings_drop() noexcept {
     std::lock_guard lock(g_settings_mutex);
@@ -207,8 +239,8 @@ void settings_drop() noexcept {
 
 unsigned short settings_self_node() {
     std::lock_guard lock(g_settings_mutex);
-    SettingsLayout *s = settings_locked();
-    return s != nullptr ? static_cast<unsigned short>(load(s->self_node)) : 1;
+    MappedSettings *s = settings_locked();
+    return s != nullptr ? get<unsigned short>(s->self_node) : 1;
 }
 
 }  // namespace pkey::host
@@ -218,7 +250,7 @@ using namespace pkey::host;
 extern "C" {
 
 int CRYPTO_FIPSIsEnabled(void) {
-    return pkey::c_boundary(0, [] { return fips_enabled(); });
+    return pkey::c_boundary(1, [] { return fips_enabled(); });
 }
 
 int CRYPTO_AlgoIsEnabled(unsigned int algCode) {
@@ -227,7 +259,7 @@ int CRYPTO_AlgoIsEnabled(unsigned int algCode) {
             int override_value = -1;
             {
                 std::lock_guard lock(g_settings_mutex);
-                if (SettingsLayout *s = settings_locked()) override_value = load(s->algo[algCode]);
+                if (MappedSettings *s = settings_locked()) override_value = load(s->algo[algCode]);
             }
             if (override_value >= 0) return override_value != 0 ? 1 : 0;
         }
@@ -237,10 +269,10 @@ int CRYPTO_AlgoIsEnabled(unsigned int algCode) {
 }
 
 int Mem_Alert_GetCurrentState(void) {
-    return pkey::c_boundary(0, [] {
+    return pkey::c_boundary(1, [] {
         std::lock_guard lock(g_settings_mutex);
-        SettingsLayout *s = settings_locked();
-        return s != nullptr ? static_cast<int>(load(s->mem_alarm)) : 0;
+        MappedSettings *s = settings_locked();
+        return s != nullptr ? get<int>(s->mem_alarm) : 1;  // no store: raised, so nothing is made
     });
 }
 
@@ -259,11 +291,11 @@ unsigned short *DEV_GetAllStandbyNodes(unsigned int *count) {
         unsigned int n = 0;
         {
             std::lock_guard lock(g_settings_mutex);
-            SettingsLayout *s = settings_locked();
+            MappedSettings *s = settings_locked();
             if (s == nullptr) return nullptr;
             FileLock shared(g_settings.fd, LOCK_SH);
-            n = std::min(load(s->standby_count), kMaxStandby);
-            for (unsigned int i = 0; i < n; ++i) nodes[i] = load(s->standby[i]);
+            n = std::min(get<unsigned int>(s->standby_count), kMaxStandby);
+            for (unsigned int i = 0; i < n; ++i) nodes[i] = get<unsigned short>(s->standby[i]);
         }
         if (n == 0) return nullptr;
         auto *copy = static_cast<unsigned short *>(std::malloc(n * sizeof(unsigned short)));
@@ -280,13 +312,13 @@ int DEV_GetDeviceStatusEx(unsigned int node, unsigned int mask, int *status) {
         if (status == nullptr) return -1;
         int value = DEV_STATUS_NORMAL;
         std::lock_guard lock(g_settings_mutex);
-        if (SettingsLayout *s = settings_locked()) {
-            const unsigned int n = std::min(load(s->status_count), kMaxStatus);
-            for (unsigned int i = 0; i < n; ++i) {
-                if (load(s->status[i].node) == node) {
-                    value = load(s->status[i].status);
-                    break;
-                }
+        MappedSettings *s = settings_locked();
+        if (s == nullptr) return -1;
+        const unsigned int n = std::min(get<unsigned int>(s->status_count), kMaxStatus);
+        for (unsigned int i = 0; i < n; ++i) {
+            if (get<unsigned int>(s->status[i].node) == node) {
+                value = get<int>(s->status[i].status);
+                break;
             }
         }
         *status = value;
@@ -296,58 +328,77 @@ int DEV_GetDeviceStatusEx(unsigned int node, unsigned int mask, int *status) {
 
 int HOST_SetFipsMode(int on) {
     return pkey::c_boundary(-1, [&] {
-        update([&](SettingsLayout &s) { store(s.fips, on < 0 ? -1 : (on != 0 ? 1 : 0)); });
-        return 0;
+        return update([&](MappedSettings &s) {
+            put(s.fips, on < 0 ? -1 : (on != 0 ? 1 : 0));
+            return true;
+        });
     });
 }
 
 int HOST_SetAlgoEnabled(unsigned int code, int enabled) {
-    if (code >= kAlgoCodes) return -1;
     return pkey::c_boundary(-1, [&] {
-        update([&](SettingsLayout &s) {
+        if (code >= kAlgoCodes) {
+            record_error("algorithm switch " + std::to_string(code) + ": no such code (0..255)");
+            return -1;
+        }
+        return update([&](MappedSettings &s) {
             store(s.algo[code], enabled < 0 ? -1 : (enabled != 0 ? 1 : 0));
+            return true;
         });
-        return 0;
     });
 }
 
 int HOST_SetMemAlarm(int state) {
-    return pkey::c_boundary(-1, [&] { update([&](SettingsLayout &s) { store(s.mem_alarm, state); }); return 0; });
+    return pkey::c_boundary(-1, [&] {
+        return update([&](MappedSettings &s) {
+            put(s.mem_alarm, state);
+            return true;
+        });
+    });
 }
 
 int HOST_SetSelfNode(unsigned short node) {
-    return pkey::c_boundary(-1, [&] { update([&](SettingsLayout &s) { store(s.self_node, node); }); return 0; });
+    return pkey::c_boundary(-1, [&] {
+        return update([&](MappedSettings &s) {
+            put(s.self_node, node);
+            return true;
+        });
+    });
 }
 
 int HOST_SetStandbyNodes(const unsigned short *nodes, unsigned int count) {
     if (nodes == nullptr) count = 0;
     count = std::min(count, kMaxStandby);
     return pkey::c_boundary(-1, [&] {
-        update([&](SettingsLayout &s) {
-            for (unsigned int i = 0; i < count; ++i) store(s.standby[i], nodes[i]);
-            store(s.standby_count, count);
+        return update([&](MappedSettings &s) {
+            for (unsigned int i = 0; i < count; ++i) put(s.standby[i], nodes[i]);
+            put(s.standby_count, count);
+            return true;
         });
-        return 0;
     });
 }
 
 int HOST_SetNodeStatus(unsigned short node, int status) {
     return pkey::c_boundary(-1, [&] {
-        update([&](SettingsLayout &s) {
-            const unsigned int n = std::min(load(s.status_count), kMaxStatus);
+        return update([&](MappedSettings &s) {
+            const unsigned int n = std::min(get<unsigned int>(s.status_count), kMaxStatus);
             for (unsigned int i = 0; i < n; ++i) {
-                if (load(s.status[i].node) == node) {
-                    store(s.status[i].status, status);
-                    return;
+                if (get<unsigned int>(s.status[i].node) == node) {
+                    put(s.status[i].status, status);
+                    return true;
                 }
             }
-            if (n == kMaxStatus) return;  // table full: the node keeps reporting normal
+            if (n == kMaxStatus) {
+                record_error("cannot set the status of node " + std::to_string(node) +
+                             ": the status table is full (64 nodes)");
+                return false;
+            }
             // The entry is complete before the count that makes readers look at it.
-            store(s.status[n].status, status);
-            store(s.status[n].node, node);
-            store(s.status_count, n + 1);
+            put(s.status[n].status, status);
+            put(s.status[n].node, node);
+            put(s.status_count, n + 1);
+            return true;
         });
-        return 0;
     });
 }
 
