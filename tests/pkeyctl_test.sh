@@ -75,6 +75,9 @@ same "$(ssh-keygen -i -m RFC4716 -f "$work/web.ssh2" | ssh-keygen -l -f - | awk 
      "wrapped ssh2 export"
 expect 0 pk local export rsa --format ssh1
 contains "$work/out" "rsa-key-"
+expect 0 pk local export rsa --format=openssh --out=-
+contains "$work/out" "ssh-rsa "
+expect 2 pk local list --json=yes
 expect 2 pk local export dsa --format ssh1
 contains "$work/err" "RSA keys only"
 expect 2 pk local export rsa --format openssh --wrap
@@ -128,7 +131,7 @@ expect 1 pk peer add trail "$work/trail"
 expect 0 pk peer list --json
 json_ok "$work/out"
 expect 0 pk peer list
-same "$(awk '{print $1}' "$work/out" | head -3 | tr '\n' ' ')" "dsa1024-hex dsa1024-pub dsa1024-ssh2 " "sorted peer names"
+same "$(awk 'NR > 1 {print $1}' "$work/out" | head -3 | tr '\n' ' ')" "dsa1024-hex dsa1024-pub dsa1024-ssh2 " "sorted peer names"
 expect 0 pk peer remove from-stdin
 expect 1 pk peer remove from-stdin
 expect 1 pk peer show from-stdin

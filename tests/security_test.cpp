@@ -246,7 +246,7 @@ TEST_F(SecurityTest, ExportsNeverOverwriteTheStoresOwnFiles) {
     ASSERT_EQ(ctl({"peer", "list"}).code, 0);
     // The database's own files change whenever it is opened; the keys' files must not.
     const Snapshot store_before = snapshot(store_, {"db"});
-    for (const std::string target :
+    for (const std::string &target :
          {store_ + "/device.key", store_ + "/settings", store_ + "/db/PKEY.db", mem("ecdsakey"), mem("rsa/web.key"),
           flash("hostkey"), flash("pkey/rsa/web.key"), store_ + "/node2/flash/ecdsakey",
           store_ + "/node2/flash/pkey/rsa/web.key", store_ + "/node1/flash/../run/pkey/ecdsakey",
