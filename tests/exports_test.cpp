@@ -33,6 +33,7 @@ const std::set<std::string> kCoreExports = {
     "PKEY_PUBKEY_GetMinECKeyNid", "PKEY_PUBKEY_GetMinKeyBits", "PKEY_PUBKEY_GetMinKeyBitsByEvpAgl",
     "PKEY_PUBKEY_IsKeyLenValid", "PKEY_PUBKEY_GetKeyBits", "PKEY_PUBKEY_GetPubKeySize",
     "PKEY_PUBKEY_IsKeyMatchFipsMode", "PKEY_PUBKEY_IsEvpAglEnable",
+    "PKEY_PUBKEY_IsPublicKeyPossible",
     // text helpers
     "PKEY_StrRemoveSpaceCopy", "PKEY_RemoveCRLF", "PKEY_HexAsc2Bin", "PKEY_IsValidHexString",
     "PKEY_HexStringToHexData", "PKEY_LenBeforeSeparator",
