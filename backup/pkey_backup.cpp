@@ -7,6 +7,7 @@
 #include "pkey_backup.h"
 #include "pkey_fs.h"
 #include "pkey_platform.h"
+#include "pkey_util.hpp"
 
 namespace {
 
@@ -44,7 +45,7 @@ int PKEY_BACKUP_IsNodeStatusNormal(unsigned int node) {
 void PKEY_BACKUP_SndRtLocalKey(unsigned int algId, unsigned int length, const void *data,
                                const char *name, PKEY_BACKUP_FILE_OP fileOp,
                                unsigned int keyKind) {
-    if (fileOp == nullptr) return;
+    if (fileOp == nullptr || pkey::is_escaping_key_name(name)) return;
     unsigned int count = 0;
     unsigned short *nodes = DEV_GetAllStandbyNodes(&count);
     if (nodes == nullptr) return;

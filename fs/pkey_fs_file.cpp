@@ -3,9 +3,15 @@
 //
 // Every read, write, copy and removal of a key file holds an exclusive flock
 // on it from just after the open to just before the close. A file that is
-// being written is truncated by its open, before the writer holds the lock;
+// being written is emptied at its open, before the writer holds the lock;
 // a reader measures the file only once it holds the lock itself, so it sees
 // either the whole previous write or the whole next one.
+//
+// A flock belongs to one open of a file, so a thread that opened a file it
+// already holds locked would wait on its own lock for ever (one file under two
+// names: a hard link, a linked directory). Each thread keeps a record of the
+// files it holds, and such an open is refused instead. Other threads and
+// processes are not in the record and wait for the lock as usual.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,6 +20,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "pkey_fs.h"
 #include "pkey_platform.h"
@@ -26,13 +33,78 @@ constexpr gid_t kStoreGroup = 1;
 constexpr mode_t kDirMode = 0770;
 constexpr mode_t kFileMode = 0660;
 
-// Blocking exclusive lock, retried when a signal interrupts the wait.
-int lock_or_close(int fd) noexcept {
+// A file this thread holds locked through this layer. The process is part of
+// the record: a child made by fork shares its parent's locks rather than
+// holding its own, and the parent's release ends the child's wait.
+struct HeldFile {
+    dev_t dev;
+    ino_t ino;
+    int fd;
+    pid_t pid;
+};
+thread_local std::vector<HeldFile> t_held;
+
+void forget_held(int fd) noexcept {
+    std::erase_if(t_held, [fd](const HeldFile &h) { return h.fd == fd; });
+}
+
+// True when this thread holds the file st describes, which it has just opened
+// as fd. A record of another process, or whose descriptor was closed without
+// this layer (its number free again, perhaps fd itself, or reused for another
+// file), is stale and dropped on the way.
+bool held_by_this_thread(const struct stat &st, int fd) noexcept {
+    bool held = false;
+    const pid_t self = getpid();
+    std::erase_if(t_held, [&](const HeldFile &h) {
+        struct stat now {};
+        if (h.pid != self || h.fd == fd || fstat(h.fd, &now) != 0 || now.st_dev != h.dev ||
+            now.st_ino != h.ino)
+            return true;
+        held = held || (h.dev == st.st_dev && h.ino == st.st_ino);
+        return false;
+    });
+    return held;
+}
+
+// Opens path for a lock: never through a final symlink, never waiting for the
+// other end of a FIFO or on a device, and only a regular file that this thread
+// does not already hold. The descriptor is left blocking; -1 on any refusal.
+int open_regular_unheld(const char *path, int flags, mode_t mode, struct stat &st) noexcept {
+    const int fd = open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
+    if (fd == -1) return -1;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || held_by_this_thread(st, fd)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int clear_nonblock_or_close(int fd) noexcept {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags == -1 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Blocking exclusive lock, retried when a signal interrupts the wait; the
+// file goes into this thread's record once it is held.
+int lock_or_close(int fd, const struct stat &st) noexcept {
     while (flock(fd, LOCK_EX) == -1) {
         if (errno != EINTR) {
             close(fd);
             return -1;
         }
+    }
+    try {
+        forget_held(fd);
+        t_held.push_back({st.st_dev, st.st_ino, fd, getpid()});
+    } catch (...) {
+        // Unrecorded, a later open of this file by this thread could hang.
+        (void)flock(fd, LOCK_UN);
+        close(fd);
+        return -1;
     }
     return fd;
 }
@@ -83,23 +155,38 @@ extern "C" {
 
 int PKEY_FS_OpenLock(const char *path) {
     if (path == nullptr) return -1;
-    const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC, 0600);
-    return fd == -1 ? -1 : lock_or_close(fd);
+    struct stat st {};
+    const int fd = open_regular_unheld(path, O_RDONLY, 0600, st);
+    if (fd == -1 || clear_nonblock_or_close(fd) == -1) return -1;
+    return lock_or_close(fd, st);
 }
 
 int PKEY_FS_OpenCreateLock(const char *path) {
     if (path == nullptr || PKEY_FS_MakeDir(path) != 0) return -1;
-    const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode);
+    struct stat st {};
+    // No O_TRUNC: a file that is not regular, or that this thread holds (the
+    // source of a copy onto itself), must be refused before it is emptied.
+    const int fd = open_regular_unheld(path, O_RDWR | O_CREAT, kFileMode, st);
     if (fd == -1) return -1;
+    // Emptied before the lock is taken, the moment an O_TRUNC open would
+    // empty it: a reader holding the lock then gets a short read and fails
+    // cleanly, and one waiting for it sees only the finished write. Keep
+    // this order.
+    if (ftruncate(fd, 0) != 0) {
+        close(fd);
+        return -1;
+    }
     // Owner and mode are the store's whether or not the file existed; a
     // process that may not change them keeps what it has.
     (void)fchmod(fd, kFileMode);
     (void)fchown(fd, kStoreOwner, kStoreGroup);
-    return lock_or_close(fd);
+    if (clear_nonblock_or_close(fd) == -1) return -1;
+    return lock_or_close(fd, st);
 }
 
 int PKEY_FS_CloseUnLock(int fd) {
     if (fd == -1) return -1;
+    forget_held(fd);
     (void)flock(fd, LOCK_UN);
     return close(fd);
 }

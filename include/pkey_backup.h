@@ -24,7 +24,8 @@ typedef int (*PKEY_BACKUP_FILE_OP)(const void *data, unsigned int length, const 
 /* 1 if the platform reports the node's status as normal, else 0. */
 PKEY_API int PKEY_BACKUP_IsNodeStatusNormal(unsigned int node);
 /* Runs fileOp on the device copy's name of the key on every standby node;
- * failures are ignored. */
+ * failures are ignored. Does nothing for a key name that contains "/" or is
+ * "." or "..": such a name would lead out of the key directory. */
 PKEY_API void PKEY_BACKUP_SndRtLocalKey(unsigned int algId, unsigned int length, const void *data,
                                         const char *name, PKEY_BACKUP_FILE_OP fileOp,
                                         unsigned int keyKind);

@@ -18,7 +18,11 @@
  * it, so a reader never sees a half-written key. What this layer creates is
  * owned by 1:1 (when the process may change owners), directories 0770 and
  * files 0660. A key path that is a symbolic link is never opened: the store
- * does not follow a link planted in place of a key file.
+ * does not follow a link planted in place of a key file. Only regular files
+ * are opened for a lock, so a FIFO or device at a key path fails at once.
+ * A thread is refused a file it already holds locked through this layer,
+ * under any name, instead of waiting on its own lock for ever; other threads
+ * and processes wait for the lock as usual.
  */
 #ifndef PKEY_FS_H
 #define PKEY_FS_H
@@ -57,10 +61,12 @@ PKEY_API int PKEY_FS_MakeFullFileName(unsigned int algId, unsigned int keyKind, 
 
 /* ---- Locked files and key directories ------------------------------------ */
 
-/* Opens an existing file read-only and locks it; the descriptor or -1. */
+/* Opens an existing regular file read-only and locks it; the descriptor or
+ * -1 (also for a file the calling thread holds). */
 PKEY_API int PKEY_FS_OpenLock(const char *path);
-/* Makes the file's directories, creates or truncates it, sets 0660 and
- * 1:1, locks it; the descriptor or -1. */
+/* Makes the file's directories, creates or truncates it (before the lock is
+ * taken), sets 0660 and 1:1, locks it; the descriptor or -1. A file that is
+ * not regular, or that the calling thread holds, is refused untouched. */
 PKEY_API int PKEY_FS_OpenCreateLock(const char *path);
 /* Unlocks and closes; -1 for fd -1, else close's result. */
 PKEY_API int PKEY_FS_CloseUnLock(int fd);
@@ -81,7 +87,8 @@ PKEY_API int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len, const cha
  * ignored. 0 or PKEY_ERR_FAILED. */
 PKEY_API int PKEY_FS_RemoveFileFromVFS(int ignored1, int ignored2, const char *path);
 /* Copies a file, the source locked for the whole copy and released last.
- * -1 if the source cannot be opened, else the result of closing it. */
+ * -1 if the source cannot be opened, else the result of closing it; a
+ * destination that is the source itself is left as it is. */
 PKEY_API int PKEY_FS_CopyFileByFullName(const char *src, const char *dst);
 /* Removes the plain files of base + subDir and the directory itself.
  * 0 or PKEY_ERR_FAILED (also for a missing or non-empty directory). */

@@ -20,6 +20,13 @@
  * function says it passes another code on. Keys and records handed out
  * belong to the caller.
  *
+ * Key names never lead out of their key directory: every function that turns
+ * a key name into a file name refuses a name that contains "/" or is "." or
+ * "..", with its ordinary failure result (PKEY_ERR_FAILED, NULL, 0, or a
+ * record without a key), before any file is touched or any key generated.
+ * The memory and device copies of a key must be two files: a write or a
+ * destroy that finds one file under both names fails and touches neither.
+ *
  * DSA domain parameters are derived deterministically from the library's
  * fixed seed: every generation of one size, in any process on any machine,
  * uses the same p, q and g. The first generation of a size in a process pays
@@ -83,19 +90,22 @@ typedef struct tagPKEY_LOCAL_KEY_INFO {
 /* ---- Key files ----------------------------------------------------------- */
 
 /* Saves a caller's key pair as a named host key of its algorithm; the name
- * must not be empty. The caller keeps the key. */
+ * must not be empty, "." or "..", nor contain "/". The caller keeps the key. */
 PKEY_API int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key);
 /* Builds the record of key, stamps kind and name (cut to 64 characters) and
  * writes the key file; 0 or the writer's code. */
 PKEY_API int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *key,
                                      const char *name);
 /* Writes a record as key file: memory copy, device copy, then the standby
- * nodes. 0, PKEY_ERR_FAILED, or the cipher's or writer's own code. */
+ * nodes. 0, PKEY_ERR_FAILED, or the cipher's or writer's own code.
+ * PKEY_ERR_FAILED, nothing written, for a name that would leave the key
+ * directory or when the two copies' names lead to one existing file. */
 PKEY_API int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
                                          const unsigned char *record, unsigned int len,
                                          const char *name);
 /* The plain record of a key, read from the memory copy and deciphered (free
- * with free()), its length in *len; NULL on any failure. */
+ * with free()), its length in *len; NULL on any failure, a name that would
+ * leave the key directory included. Every lookup below reads through it. */
 PKEY_API unsigned char *PKEY_LOCAL_ReadKeyToBuf(unsigned int algId, unsigned int keyKind,
                                                 const char *name, unsigned int *len);
 /* Deciphers a key file image of inLen bytes into out (cap bytes; may be the
@@ -129,7 +139,8 @@ PKEY_API EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKin
 PKEY_API EVP_PKEY *PKEY_GetHostKey(int evpType, const char *name);
 /* The RSA server key, or NULL (also for any type but RSA). */
 PKEY_API EVP_PKEY *PKEY_GetServerKey(int evpType, const char *name);
-/* 1 if the memory copy of the host key exists as a regular file, else 0. */
+/* 1 if the memory copy of the host key exists as a regular file, else 0 (also
+ * for a name that would leave the key directory). */
 PKEY_API int PKEY_LOCAL_IsKeyExist(unsigned int algId, const char *name);
 PKEY_API int PKEY_IsKeyExist(int evpType, const char *name);
 /* Cuts ".key" off a key file name in place: 0, or PKEY_ERR_FAILED when the
@@ -148,7 +159,8 @@ PKEY_API int PKEY_DestroyNonFIPSApprovedKeyPairs(const char *storagePath);
 
 /* ---- Creating and replacing ---------------------------------------------- */
 
-/* Generates one key pair and saves it under (algorithm, kind, name). */
+/* Generates one key pair and saves it under (algorithm, kind, name); a name
+ * that would leave the key directory fails before anything is generated. */
 PKEY_API int PKEY_LOCAL_GenerateOneKey(unsigned int algId, int curveNid, unsigned int keyKind,
                                        unsigned int bits, const char *name);
 /* Generates the host key of a request and, for the default RSA host key
@@ -217,7 +229,9 @@ PKEY_API unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PK
 
 /* Removes both copies of one key file, each under its own lock (memory
  * first), and tells the standby nodes when the device copy went. A key that
- * is not there is no error. */
+ * is not there is no error. PKEY_ERR_FAILED, nothing removed, for a name that
+ * would leave the key directory or when both copies' names lead to one
+ * existing file. */
 PKEY_API int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind, const char *name);
 /* Destroys the host key of a request; the default RSA host key takes its
  * server key with it. */

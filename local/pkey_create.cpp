@@ -37,7 +37,10 @@ extern "C" {
 
 int PKEY_LOCAL_GenerateOneKey(unsigned int algId, int curveNid, unsigned int keyKind,
                               unsigned int bits, const char *name) {
-    if (algId >= PKEY_ALG_UNSUPPORTED || name == nullptr) return kFailed;
+    // A name the key file cannot be stored under is refused before the
+    // (possibly long) generation.
+    if (algId >= PKEY_ALG_UNSUPPORTED || name == nullptr || pkey::is_escaping_key_name(name))
+        return kFailed;
     // The size is used as given: the 512..2048 range of PKEY_GeneratePKey
     // does not apply to stored keys.
     pkey::EvpPkeyPtr key(generate_for(algId, curveNid, bits));
@@ -66,7 +69,7 @@ int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) {
 }
 
 int PKEY_UpdateServerKey(int evpType, const char *name) {
-    if (name == nullptr ||
+    if (name == nullptr || pkey::is_escaping_key_name(name) ||
         PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType)) != PKEY_ALG_RSA)
         return kFailed;
     unsigned int server_bits = 0;

@@ -8,6 +8,7 @@
 #include "pkey_local.h"
 #include "pkey_local_internal.hpp"
 #include "pkey_platform.h"
+#include "pkey_util.hpp"
 
 namespace {
 
@@ -23,20 +24,25 @@ int remove_on_node(const void * /*data*/, unsigned int /*length*/, const char *p
 extern "C" {
 
 int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind, const char *name) {
-    if (name == nullptr) return kFailed;
+    if (name == nullptr || pkey::is_escaping_key_name(name)) return kFailed;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     const unsigned int node = DEV_GetSelf();
     int result = 0;
 
     char mem[PKEY_PATH_LEN] = "";
+    char dev[PKEY_PATH_LEN] = "";
     PKEY_FS_MakeFullFileName(algId, keyKind, node, name, PKEY_FS_MakeMemFilePrefix, mem);
+    PKEY_FS_MakeFullFileName(algId, keyKind, node, name, PKEY_FS_MakeDevFilePrefix, dev);
+    // One file under both names is no pair of copies: the device open would
+    // be refused as a file this thread already holds, and the key would stay
+    // on flash while the call reported it gone.
+    if (pkey::local::same_existing_file(mem, dev)) return kFailed;
+
     // Each copy is removed while its own lock is held, so no reader is half
     // way through it; the memory lock is held until the device copy is gone.
     const int mem_fd = PKEY_FS_OpenLock(mem);
     if (mem_fd != -1 && PKEY_FS_RemoveFileFromVFS(0, 0, mem) != 0) result = kFailed;
 
-    char dev[PKEY_PATH_LEN] = "";
-    PKEY_FS_MakeFullFileName(algId, keyKind, node, name, PKEY_FS_MakeDevFilePrefix, dev);
     const int dev_fd = PKEY_FS_OpenLock(dev);
     if (dev_fd != -1) {
         if (PKEY_FS_RemoveFileFromVFS(0, 0, dev) != 0) {

@@ -11,6 +11,7 @@
 #include "pkey_cfgmng.h"
 #include "pkey_fs.h"
 #include "pkey_local.h"
+#include "pkey_local_internal.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
@@ -56,6 +57,9 @@ struct KeyFileNames {
 int write_file_image(unsigned int alg, unsigned int kind, const unsigned char *image,
                      unsigned int image_len, const char *name) {
     const KeyFileNames files(alg, kind, name);
+    // One file under both names: writing the memory copy would empty the
+    // only flash copy, and the failing device open would then remove it.
+    if (pkey::local::same_existing_file(files.mem, files.dev)) return kFailed;
     int result = 0;
     int mem_fd = -1;
     int dev_fd = -1;
@@ -85,6 +89,7 @@ extern "C" {
 
 int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
                                 const unsigned char *record, unsigned int len, const char *name) {
+    if (pkey::is_escaping_key_name(name)) return kFailed;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     return pkey::c_boundary(kFailed, [&]() -> int {
         if (record == nullptr || name == nullptr || len < kHeaderLen ||
@@ -115,7 +120,7 @@ int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
 
 int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *key,
                             const char *name) {
-    if (key == nullptr || name == nullptr) return kFailed;
+    if (key == nullptr || name == nullptr || pkey::is_escaping_key_name(name)) return kFailed;
     unsigned int len = 0;
     unsigned char *built = PKEY_PUBKEY_ConvertKeyToStoreBuf(key, &len);
     if (built == nullptr) return kFailed;
@@ -128,7 +133,8 @@ int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *
 }
 
 int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key) {
-    if (key == nullptr || name == nullptr || name[0] == '\0') return kFailed;
+    if (key == nullptr || name == nullptr || name[0] == '\0' || pkey::is_escaping_key_name(name))
+        return kFailed;
     const unsigned int alg =
         PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(EVP_PKEY_get_id(key)));
     if (alg >= PKEY_ALG_UNSUPPORTED) return kFailed;
@@ -160,7 +166,7 @@ int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in, unsigned
 
 unsigned char *PKEY_LOCAL_ReadKeyToBuf(unsigned int algId, unsigned int keyKind, const char *name,
                                        unsigned int *len) {
-    if (name == nullptr || len == nullptr) return nullptr;
+    if (name == nullptr || len == nullptr || pkey::is_escaping_key_name(name)) return nullptr;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     return pkey::c_boundary<unsigned char *>(nullptr, [&]() -> unsigned char * {
         char mem[PKEY_PATH_LEN] = "";

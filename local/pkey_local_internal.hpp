@@ -1,6 +1,8 @@
 // pkey_local_internal.hpp - helpers shared by the local key files (hidden).
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "pkey_types.h"
@@ -12,6 +14,18 @@ inline void request_name(const PKEY_KEYGEN_REQ_S &request, char (&out)[PKEY_KEYG
     const std::size_t len = strnlen(request.szKeyName, sizeof out - 1);
     std::memcpy(out, request.szKeyName, len);
     out[len] = '\0';
+}
+
+// True when both paths name one existing file (a hard link, or a directory
+// linked into the other's path): the memory and device copies of a key must
+// be two files, or writing one destroys the other and removing one leaves
+// the other half-gone. A final symlink is not followed, as no key file open
+// follows one.
+inline bool same_existing_file(const char *a, const char *b) noexcept {
+    struct stat sa {};
+    struct stat sb {};
+    return lstat(a, &sa) == 0 && lstat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
 }
 
 }  // namespace pkey::local

@@ -194,7 +194,7 @@ EVP_PKEY *PKEY_GetServerKey(int evpType, const char *name) {
 }
 
 int PKEY_LOCAL_IsKeyExist(unsigned int algId, const char *name) {
-    if (name == nullptr) return 0;
+    if (name == nullptr || pkey::is_escaping_key_name(name)) return 0;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     char mem[PKEY_PATH_LEN] = "";
     PKEY_FS_MakeFullFileName(algId, PKEY_KEY_HOST, DEV_GetSelf(), name, PKEY_FS_MakeMemFilePrefix,
@@ -203,7 +203,7 @@ int PKEY_LOCAL_IsKeyExist(unsigned int algId, const char *name) {
 }
 
 int PKEY_IsKeyExist(int evpType, const char *name) {
-    if (name == nullptr) return 0;
+    if (name == nullptr || pkey::is_escaping_key_name(name)) return 0;
     const unsigned int alg = PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType));
     if (alg >= PKEY_ALG_UNSUPPORTED) return 0;
     return PKEY_LOCAL_IsKeyExist(alg, name);

@@ -71,6 +71,8 @@ unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name) {
         (void)EVP_PKEY_set_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING,
                                              OSSL_PKEY_EC_ENCODING_GROUP);
     if (PKEY_PUBKEY_IsKeyLenValid(key) != 1) return PKEY_ERR_FAILED;
+    // A key no real key pair has (RSA e = 1, say) would let anyone pass as its owner.
+    if (PKEY_PUBKEY_IsPublicKeyPossible(key) != 1) return PKEY_ERR_FAILED;
     return PKEY_SavePeerPubKey(key, name);
 }
 
@@ -89,7 +91,8 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
 
         pkey::der::SpkiResult decoded = pkey::der::decode_public_key({work, count});
         EvpPkeyPtr &key = decoded.key;
-        if (!key) {
+        // A key no real key pair can have is no valid key code either.
+        if (!key || PKEY_PUBKEY_IsPublicKeyPossible(key.get()) != 1) {
             print_message(PKEY_MSG_INVALID_KEY_CODE);
             return PKEY_ERR_FAILED;
         }

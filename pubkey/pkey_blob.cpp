@@ -1,7 +1,7 @@
 // The SSH public key blob (the wire form of RFC 4253) of RSA and DSA keys and
 // its one-line Base64 text, the SSH1 text of an RSA key, the strict Base64
-// reader that turns pasted text back into a key, and the comparison of two
-// public keys. ECDSA keys are written and read by the ECDSA module; this file
+// reader that turns pasted text back into a key, the stricter check of a key
+// buffer as OpenSSH reads one, and the comparison of two public keys. ECDSA keys are written and read by the ECDSA module; this file
 // only routes them there.
 //
 // Everything handled here is public key material, so buffers are freed
@@ -18,6 +18,7 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include "ec/pkey_ec_curve.hpp"
 #include "pkey_ec.h"
@@ -59,6 +60,11 @@ constexpr std::string_view kSshDss = "ssh-dss";
 constexpr std::string_view kRsaNames[] = {kSshRsa, "x509v3-sign-rsa", "spki-sign-rsa",
                                           "pgp-sign-rsa"};
 constexpr std::string_view kEcdsaPrefix = "ecdsa";
+// The ECDSA key type names a strict reading knows; each ends in its curve's
+// identifier, which the key buffer repeats.
+constexpr std::string_view kEcdsaTypePrefix = "ecdsa-sha2-";
+constexpr std::string_view kEcdsaTypes[] = {"ecdsa-sha2-nistp192", "ecdsa-sha2-nistp256",
+                                            "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521"};
 
 // Components in blob order.
 constexpr const char *kRsaBlobOrder[] = {OSSL_PKEY_PARAM_RSA_E, OSSL_PKEY_PARAM_RSA_N};
@@ -224,6 +230,65 @@ bool base64_decode(std::string_view text, ByteWriter &out) noexcept {
     return true;
 }
 
+// The decoded bytes of a Base64 text; empty when the text is empty or not
+// strict Base64.
+struct DecodedBlob {
+    MallocPtr<unsigned char> bytes;
+    std::size_t size = 0;
+
+    explicit DecodedBlob(const char *text) noexcept {
+        if (text == nullptr) return;
+        const std::string_view b64(text);
+        if (b64.empty()) return;
+        // Three bytes for every four characters: the text's length is room enough.
+        MallocPtr<unsigned char> out(static_cast<unsigned char *>(std::calloc(b64.size(), 1)));
+        if (!out) return;
+        ByteWriter decoded(out.get(), b64.size());
+        if (!base64_decode(b64, decoded)) return;
+        bytes = std::move(out);
+        size = decoded.size();
+    }
+    explicit operator bool() const noexcept { return static_cast<bool>(bytes); }
+    ByteReader reader() const noexcept { return ByteReader(bytes.get(), size); }
+};
+
+// count mpints as OpenSSH reads them, and nothing after the last: each
+// complete and not negative (a set top bit in its first byte). Leading zero
+// bytes are accepted; they do not change the value.
+bool strict_mpints(ByteReader in, std::size_t count) noexcept {
+    for (std::size_t i = 0; i < count; ++i) {
+        std::span<const unsigned char> magnitude;
+        if (!in.read_length_prefixed(magnitude)) return false;
+        if (!magnitude.empty() && (magnitude[0] & 0x80) != 0) return false;
+    }
+    return in.empty();
+}
+
+bool is_strict_ecdsa_type(std::string_view type) noexcept {
+    for (const std::string_view known : kEcdsaTypes) {
+        if (type == known) return true;
+    }
+    return false;
+}
+
+// What follows an ECDSA type name, as OpenSSH reads it: the curve identifier
+// the type name ends with, one uncompressed point, nothing after it; the
+// point must be one the ECDSA reader accepts.
+bool strict_ecdsa_tail(std::string_view type, ByteReader in) noexcept {
+    const ByteReader tail = in;
+    std::span<const unsigned char> curve;
+    std::span<const unsigned char> point;
+    if (!in.read_length_prefixed(curve) || !in.read_length_prefixed(point) || !in.empty())
+        return false;
+    const std::string_view curveId(reinterpret_cast<const char *>(curve.data()), curve.size());
+    if (type.substr(kEcdsaTypePrefix.size()) != curveId) return false;
+    if (point.empty() || point[0] != POINT_CONVERSION_UNCOMPRESSED) return false;
+    if (tail.remaining() > UINT32_MAX) return false;
+    const EvpPkeyPtr key(
+        PKEY_ReadECDSAPubKey(tail.position(), static_cast<unsigned int>(tail.remaining())));
+    return static_cast<bool>(key);
+}
+
 // A public key of the given OpenSSL type from mpints read in blob order;
 // whatever follows the last one is ignored.
 EvpPkeyPtr public_key_from_blob(const char *type, ComponentNames names, ByteReader &in) noexcept {
@@ -358,17 +423,11 @@ char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2, unsigned int *outLen)
 
 EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text) {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
-        if (text == nullptr) return nullptr;
-        const std::string_view b64(text);
-        if (b64.empty()) return nullptr;
-        // Three bytes for every four characters: the text's length is room enough.
-        MallocPtr<unsigned char> blob(static_cast<unsigned char *>(std::calloc(b64.size(), 1)));
+        const DecodedBlob blob(text);
         if (!blob) return nullptr;
-        ByteWriter decoded(blob.get(), b64.size());
-        if (!base64_decode(b64, decoded)) return nullptr;
 
         // The type name, then at least one byte of key data.
-        ByteReader in(blob.get(), decoded.size());
+        ByteReader in = blob.reader();
         std::uint32_t nameLen = 0;
         std::span<const unsigned char> nameBytes;
         if (!in.read_u32(nameLen) || nameLen >= in.remaining() ||
@@ -385,6 +444,34 @@ EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text) {
             return PKEY_ReadECDSAPubKey(in.position(), static_cast<unsigned int>(in.remaining()));
         }
         return nullptr;
+    });
+}
+
+int PKEY_PUBKEY_IsBase64BlobStrict(const char *text, const char *typeName) {
+    return pkey::c_boundary<int>(0, [&]() -> int {
+        const DecodedBlob blob(text);
+        if (!blob) return 0;
+        ByteReader in = blob.reader();
+        std::span<const unsigned char> nameBytes;
+        if (!in.read_length_prefixed(nameBytes)) return 0;
+        const std::string_view type(reinterpret_cast<const char *>(nameBytes.data()),
+                                    nameBytes.size());
+        if (typeName != nullptr && type != typeName) return 0;
+
+        // A refused point or number is an answer, not an error of the caller's.
+        ERR_set_mark();
+        bool strict = false;
+        if (type == kSshRsa) {
+            strict = strict_mpints(in, std::size(kRsaBlobOrder)) &&
+                     public_key_from_blob("RSA", kRsaBlobOrder, in) != nullptr;
+        } else if (type == kSshDss) {
+            strict = strict_mpints(in, std::size(kDsaBlobOrder)) &&
+                     public_key_from_blob("DSA", kDsaBlobOrder, in) != nullptr;
+        } else if (is_strict_ecdsa_type(type)) {
+            strict = strict_ecdsa_tail(type, in);
+        }
+        ERR_pop_to_mark();
+        return strict ? 1 : 0;
     });
 }
 

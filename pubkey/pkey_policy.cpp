@@ -1,6 +1,7 @@
 // Algorithm numbering and the key-size, curve and FIPS policy.
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/obj_mac.h>
 #include <openssl/objects.h>
@@ -8,6 +9,7 @@
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_pubkey_internal.hpp"
+#include "pkey_util.hpp"
 
 namespace {
 
@@ -21,6 +23,53 @@ constexpr unsigned int kEcMinBits = 192;
 constexpr unsigned int kEcFipsMinBits = 256;
 
 bool fips_mode() noexcept { return CRYPTO_FIPSIsEnabled() == 1; }
+
+pkey::BignumPtr bn_param(const EVP_PKEY *key, const char *name) noexcept {
+    BIGNUM *bn = nullptr;
+    if (EVP_PKEY_get_bn_param(key, name, &bn) != 1) return nullptr;
+    return pkey::BignumPtr(bn);
+}
+
+// n odd, e odd and 3 <= e < n. An even modulus has the factor 2 for all to
+// see; e = 1 makes every signature its own message, and an even e has no
+// inverse modulo the even phi(n) of a real key.
+bool rsa_possible(const EVP_PKEY *key) noexcept {
+    const pkey::BignumPtr n = bn_param(key, OSSL_PKEY_PARAM_RSA_N);
+    const pkey::BignumPtr e = bn_param(key, OSSL_PKEY_PARAM_RSA_E);
+    if (!n || !e || !BN_is_odd(n.get()) || !BN_is_odd(e.get())) return false;
+    return BN_cmp(e.get(), BN_value_one()) > 0 && BN_cmp(e.get(), n.get()) < 0;
+}
+
+// 1 < v < p - 1 and v^q = 1 (mod p): a member of the order-q subgroup other
+// than 1 and -1, which lie in every group and carry no secret.
+bool in_subgroup(const BIGNUM *v, const BIGNUM *p, const BIGNUM *q, const BIGNUM *p_minus_1,
+                 BN_CTX *ctx) noexcept {
+    if (BN_cmp(v, BN_value_one()) <= 0 || BN_cmp(v, p_minus_1) >= 0) return false;
+    const pkey::BnCtxFrame frame(ctx);
+    BIGNUM *r = BN_CTX_get(ctx);
+    return r != nullptr && BN_mod_exp(r, v, q, p, ctx) == 1 && BN_is_one(r);
+}
+
+bool dsa_possible(const EVP_PKEY *key) noexcept {
+    const pkey::BignumPtr p = bn_param(key, OSSL_PKEY_PARAM_FFC_P);
+    const pkey::BignumPtr q = bn_param(key, OSSL_PKEY_PARAM_FFC_Q);
+    const pkey::BignumPtr g = bn_param(key, OSSL_PKEY_PARAM_FFC_G);
+    const pkey::BignumPtr y = bn_param(key, OSSL_PKEY_PARAM_PUB_KEY);
+    const pkey::BnCtxPtr ctx(BN_CTX_new());
+    const pkey::BignumPtr p_minus_1(p ? BN_dup(p.get()) : nullptr);
+    if (!q || !g || !y || !ctx || !p_minus_1 || BN_sub_word(p_minus_1.get(), 1) != 1) return false;
+    return in_subgroup(g.get(), p.get(), q.get(), p_minus_1.get(), ctx.get()) &&
+           in_subgroup(y.get(), p.get(), q.get(), p_minus_1.get(), ctx.get());
+}
+
+// A point of the key's curve other than infinity. Every supported curve has
+// cofactor 1, so such a point already has the group's prime order and the
+// multiplication by the order would add cost, not safety.
+bool ec_possible(const EVP_PKEY *key) noexcept {
+    pkey::EvpPkeyCtxPtr ctx(
+        EVP_PKEY_CTX_new_from_pkey(nullptr, const_cast<EVP_PKEY *>(key), nullptr));
+    return ctx && EVP_PKEY_public_check_quick(ctx.get()) == 1;
+}
 
 }  // namespace
 
@@ -116,6 +165,23 @@ int PKEY_PUBKEY_IsKeyMatchFipsMode(const EVP_PKEY *key) {
         case EVP_PKEY_EC: return bits >= kEcFipsMinBits ? 1 : 0;
         default: return 0;
     }
+}
+
+int PKEY_PUBKEY_IsPublicKeyPossible(const EVP_PKEY *key) {
+    if (key == nullptr) return 0;
+    return pkey::c_boundary<int>(0, [&]() -> int {
+        // A refusal is an answer: it leaves nothing on the caller's error queue.
+        ERR_set_mark();
+        bool possible = false;
+        switch (EVP_PKEY_get_id(key)) {
+            case EVP_PKEY_RSA: possible = rsa_possible(key); break;
+            case EVP_PKEY_DSA: possible = dsa_possible(key); break;
+            case EVP_PKEY_EC: possible = ec_possible(key); break;
+            default: break;
+        }
+        ERR_pop_to_mark();
+        return possible ? 1 : 0;
+    });
 }
 
 int PKEY_PUBKEY_IsEvpAglEnable(unsigned int evpType) {

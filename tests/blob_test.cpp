@@ -233,6 +233,93 @@ TEST_F(BlobTest, EcWriterNeedsOneOfTheFourCurves) {
     EXPECT_EQ(n, 77u);
 }
 
+// Key buffers OpenSSH itself writes pass; anything OpenSSH would not read, or
+// would read as another key, fails, though the lenient reader may take it.
+TEST_F(BlobTest, StrictBlobCheckReadsKeyBuffersAsOpenSshDoes) {
+    auto strict = [](const std::string &text, const char *type = nullptr) {
+        return PKEY_PUBKEY_IsBase64BlobStrict(text.c_str(), type);
+    };
+    const std::pair<const char *, const char *> made[] = {
+        {"rsa1024", "ssh-rsa"}, {"rsa2048", "ssh-rsa"}, {"dsa1024", "ssh-dss"},
+        {"p256", "ecdsa-sha2-nistp256"}, {"p384", "ecdsa-sha2-nistp384"},
+        {"p521", "ecdsa-sha2-nistp521"}};
+    for (const auto &[name, type] : made) {
+        const std::string line = pkey::test::ssh_keygen_public(key(name), store_.root());
+        ASSERT_EQ(line.substr(0, line.find(' ')), type) << name;
+        const std::string text = line.substr(line.find(' ') + 1);
+        EXPECT_EQ(strict(text), 1) << name;
+        EXPECT_EQ(strict(text, type), 1) << name;
+        EXPECT_EQ(strict(text, type[4] == 'r' ? "ssh-dss" : "ssh-rsa"), 0) << name;
+        EXPECT_EQ(strict(text + "AAAA"), 0) << name;  // three zero bytes after the last field
+    }
+    // OpenSSH has no P-192, but the check knows its name.
+    EXPECT_EQ(strict(base64_of("p192"), "ecdsa-sha2-nistp192"), 1);
+
+    // The 1024-bit RSA buffer: name at 0, e (4 + 3 bytes) at 11, n (4 + 0x00 + 128) at 18.
+    const Bytes rsa = unb64(base64_of("rsa1024"));
+    ASSERT_EQ(rsa.size(), 151u);
+    const Bytes name(rsa.begin(), rsa.begin() + 11), e(rsa.begin() + 11, rsa.begin() + 18);
+    const Bytes n_magnitude(rsa.begin() + 23, rsa.end());
+    auto rsa_blob = [&](const Bytes &e_field, const Bytes &n_value, const char *type = "ssh-rsa") {
+        Bytes b;
+        put_field(b, str(type));
+        b.insert(b.end(), e_field.begin(), e_field.end());
+        put_field(b, n_value);
+        return b64(b);
+    };
+    auto with_zeros = [&](size_t zeros) {
+        Bytes v(zeros, 0);
+        v.insert(v.end(), n_magnitude.begin(), n_magnitude.end());
+        return v;
+    };
+    Bytes padded_e;
+    put_field(padded_e, {0, 0, 1, 0, 1});
+    const Bytes p256 = unb64(base64_of("p256"));
+    const Bytes point(p256.end() - 65, p256.end());
+    Bytes compressed(point.begin(), point.begin() + 33);
+    compressed[0] = static_cast<unsigned char>(0x02 | (point[64] & 1));
+    auto ec_blob = [&](const char *type, const char *curve, const Bytes &pt) {
+        Bytes b;
+        put_field(b, str(type));
+        const Bytes tail = ec_tail(curve, pt);
+        b.insert(b.end(), tail.begin(), tail.end());
+        return b64(b);
+    };
+    Bytes cut = rsa;
+    cut.pop_back();  // n's length now claims a byte that is not there
+    struct Row {
+        const char *what;
+        std::string text;
+        int strict;
+    };
+    const Row rows[] = {
+        {"as written", rsa_blob(e, with_zeros(1)), 1},
+        {"leading zero bytes", rsa_blob(padded_e, with_zeros(3)), 1},
+        {"negative n", rsa_blob(e, with_zeros(0)), 0},
+        {"truncated n", b64(cut), 0},
+        {"truncated name", b64(Bytes(rsa.begin(), rsa.begin() + 9)), 0},
+        {"no n", b64(Bytes(rsa.begin(), rsa.begin() + 18)), 0},
+        {"an alias the lenient reader takes", rsa_blob(e, with_zeros(1), "x509v3-sign-rsa"), 0},
+        {"unknown type", rsa_blob(e, with_zeros(1), "ssh-ed25519"), 0},
+        {"ecdsa as written", ec_blob("ecdsa-sha2-nistp256", "nistp256", point), 1},
+        {"curve unlike its type", ec_blob("ecdsa-sha2-nistp384", "nistp256", point), 0},
+        {"curve unknown", ec_blob("ecdsa-sha2-nistp224", "nistp224", point), 0},
+        {"compressed point", ec_blob("ecdsa-sha2-nistp256", "nistp256", compressed), 0},
+        {"point off the curve", ec_blob("ecdsa-sha2-nistp256", "nistp256",
+                                        [&] { Bytes b = point; b[64] ^= 1; return b; }()), 0},
+        {"not Base64", rsa_blob(e, with_zeros(1)) + "\n", 0},
+        {"empty", "", 0},
+    };
+    for (const Row &r : rows) EXPECT_EQ(strict(r.text), r.strict) << r.what;
+    EXPECT_EQ(PKEY_PUBKEY_IsBase64BlobStrict(nullptr, nullptr), 0);
+    // The lenient reader takes both: leading zeros as the same key, and a curve
+    // unlike its type as the curve says, whatever the type name.
+    EXPECT_EQ(EVP_PKEY_eq(from_b64(rsa_blob(padded_e, with_zeros(3))).get(), key("rsa1024")), 1);
+    EXPECT_EQ(EVP_PKEY_eq(from_b64(ec_blob("ecdsa-sha2-nistp384", "nistp256", point)).get(),
+                          key("p256")),
+              1);
+}
+
 TEST_F(BlobTest, CmpPubKeyComparesPublicValues) {
     // The RSA 1024 key buffer again, with e = 65539 instead of 65537.
     const std::string good = base64_of("rsa1024");

@@ -174,6 +174,77 @@ TEST_F(LocalKeysTest, ExportsCarryThePublicLineSshKeygenDerives) {
     }
 }
 
+TEST_F(LocalKeysTest, ExportAndDestroyRefuseNamesThatLeaveTheKeyDirectory) {
+    EVP_PKEY *ec = p256;
+    auto request = [](const char *n) {
+        PKEY_KEYGEN_REQ_S r{};
+        r.uiAlgId = PKEY_ALG_ECDSA;
+        std::snprintf(r.szKeyName, sizeof r.szKeyName, "%s", n);
+        return r;
+    };
+    pkey::test::expect_escaping_names_refused({
+        {"PKEY_LOCAL_GetLocPubKeyInfo", PKEY_ALG_ECDSA, ec,
+         [](const char *n) {
+             PKEY_LOCAL_KEY_INFO_S *info =
+                 PKEY_LOCAL_GetLocPubKeyInfo(PKEY_ALG_ECDSA, PKEY_KEY_HOST, n);
+             const bool keyless = info != nullptr && (info->uiFlags & PKEY_INFO_HAS_KEY) == 0 &&
+                                  info->pcPubKeyText == nullptr;
+             PKEY_LOCAL_DestroyLocalKeyInfo(info);
+             return keyless;
+         }},
+        {"PKEY_LOCAL_GetPubKeyValue", PKEY_ALG_ECDSA, ec,
+         [](const char *n) { return text_of(PKEY_ALG_ECDSA, PKEY_EXPORT_OPENSSH, n) == "<null>"; }},
+        {"PKEY_LOCAL_ExportPubKey", PKEY_ALG_ECDSA, ec,
+         [](const char *n) {
+             return PKEY_LOCAL_ExportPubKey(PKEY_ALG_ECDSA, n, PKEY_EXPORT_SSH2, "") ==
+                    static_cast<int>(PKEY_ERR_FAILED);
+         }},
+        {"PKEY_LOCAL_DestroyOneKey", PKEY_ALG_ECDSA, ec,
+         [](const char *n) {
+             return PKEY_LOCAL_DestroyOneKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, n) ==
+                    static_cast<int>(PKEY_ERR_FAILED);
+         }},
+        {"PKEY_LOCAL_DestroyKey", PKEY_ALG_ECDSA, ec,
+         [=](const char *n) {
+             const PKEY_KEYGEN_REQ_S r = request(n);
+             return PKEY_LOCAL_DestroyKey(&r) == static_cast<int>(PKEY_ERR_FAILED);
+         }},
+    });
+}
+
+// With the memory copy a hard link of the flash copy, or the memory key
+// directory a link to the work directory, a destroy used to remove one name
+// and then wait for ever on its own lock. Now it fails at once and removes
+// nothing.
+TEST_F(LocalKeysTest, DestroyingOneFileUnderBothCopiesNamesFailsPromptlyAndRemovesNothing) {
+    using pkey::test::exit_code_within;
+    auto destroy_fails = [](const char *name) {
+        return exit_code_within([&] {
+            return PKEY_LOCAL_DestroyOneKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, name) ==
+                           static_cast<int>(PKEY_ERR_FAILED)
+                       ? 0
+                       : 1;
+        });
+    };
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, "linked"), 0);
+    const std::string image = get(dev("pkey/ecdsa/linked.key"));
+    fsys::remove(mem("ecdsa/linked.key"));
+    fsys::create_hard_link(dev("pkey/ecdsa/linked.key"), mem("ecdsa/linked.key"));
+    EXPECT_EQ(destroy_fails("linked"), 0);
+    EXPECT_EQ(get(dev("pkey/ecdsa/linked.key")), image);
+    EXPECT_EQ(get(mem("ecdsa/linked.key")), image);
+
+    ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, ""), 0);
+    const std::string host = get(dev("ecdsakey"));
+    fsys::remove_all(store.mem_dir(1) + "/pkey");
+    fsys::create_directory_symlink(store.work_dir(1), store.mem_dir(1) + "/pkey");
+    EXPECT_EQ(destroy_fails(""), 0);
+    EXPECT_EQ(get(dev("ecdsakey")), host);
+    // A key that is on neither name is still no error.
+    fsys::remove(dev("ecdsakey"));
+    EXPECT_EQ(PKEY_LOCAL_DestroyOneKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, ""), 0);
+}
+
 TEST_F(LocalKeysTest, DestroyingTheDefaultRsaHostKeyTakesTheServerKey) {
     EXPECT_EQ(PKEY_LOCAL_DestroyOneKey(PKEY_ALG_RSA, PKEY_KEY_HOST, "none"), 0);
     for (const char *name : {"", "named"})

@@ -33,6 +33,7 @@ const std::set<std::string> kCoreExports = {
     "PKEY_PUBKEY_GetMinECKeyNid", "PKEY_PUBKEY_GetMinKeyBits", "PKEY_PUBKEY_GetMinKeyBitsByEvpAgl",
     "PKEY_PUBKEY_IsKeyLenValid", "PKEY_PUBKEY_GetKeyBits", "PKEY_PUBKEY_GetPubKeySize",
     "PKEY_PUBKEY_IsKeyMatchFipsMode", "PKEY_PUBKEY_IsEvpAglEnable",
+    "PKEY_PUBKEY_IsPublicKeyPossible",
     // text helpers
     "PKEY_StrRemoveSpaceCopy", "PKEY_RemoveCRLF", "PKEY_HexAsc2Bin", "PKEY_IsValidHexString",
     "PKEY_HexStringToHexData", "PKEY_LenBeforeSeparator",
@@ -77,6 +78,7 @@ const std::set<std::string> kCoreExports = {
     "PKEY_PUBKEY_GetBNFromBuf", "PKEY_PUBKEY_DER2BdrnBuf",
     // SSH public key blob and Base64
     "PKEY_PUBKEY_EvppkeyToBase64", "PKEY_PUBKEY_Base64toEvppkey", "PKEY_CmpPubKey",
+    "PKEY_PUBKEY_IsBase64BlobStrict",
     "PKEY_PUBKEY_GetBufLenFromKeyReserve", "PKEY_PUBKEY_GetBufLenFromRSAKey",
     "PKEY_PUBKEY_GetBufLenFromDSAKey", "PKEY_PUBKEY_GetBufLenFromECDSAKey",
     "PKEY_PUBKEY_FillKeyToBufReserve", "PKEY_PUBKEY_FillRSAKeyToBuf", "PKEY_PUBKEY_FillDSAKeyToBuf",

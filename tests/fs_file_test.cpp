@@ -1,4 +1,5 @@
 // Locked whole-file reads and writes, directory creation, copies and removals.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -6,9 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <tuple>
 
 #include "pkey_fs.h"
@@ -164,6 +167,113 @@ TEST_F(FsFileTest, ALockedFileKeepsWritersWaiting) {
     EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);  // still waiting for the lock
     PKEY_FS_CloseUnLock(fd);
     EXPECT_EQ(exit_code(child), 0);
+    EXPECT_EQ(get(file), "new");
+}
+
+// Each case runs in a child under a watchdog: a lock a thread waits on while
+// holding it itself would never be released.
+TEST_F(FsFileTest, AThreadIsRefusedAFileItHoldsUnderAnyNameAndNothingIsEmptied) {
+    const std::string file = path("held"), link = path("other/name");
+    put(file, "whole");
+    fsys::create_directories(path("other"));
+    fsys::create_hard_link(file, link);
+    EXPECT_EQ(pkey::test::exit_code_within([&] {
+                  const int fd = PKEY_FS_OpenLock(file.c_str());
+                  if (fd == -1) return 1;
+                  int refused = 0;
+                  for (const std::string &name : {file, link}) {
+                      refused += PKEY_FS_OpenLock(name.c_str()) == -1;
+                      refused += PKEY_FS_OpenCreateLock(name.c_str()) == -1;
+                      refused += write_vfs(name, "new") == kFailed;
+                      refused += read_vfs(name) == "<null>";
+                  }
+                  if (refused != 8 || get(file) != "whole") return 2;
+                  PKEY_FS_CloseUnLock(fd);
+                  return write_vfs(link, "again") == 0 ? 0 : 3;
+              }),
+              0);
+    EXPECT_EQ(get(file), "again");
+}
+
+TEST_F(FsFileTest, ACopyOntoItselfLeavesTheSourceWhole) {
+    const std::string file = path("src"), link = path("dst-link");
+    put(file, "key file image");
+    fsys::create_hard_link(file, link);
+    EXPECT_EQ(pkey::test::exit_code_within([&] {
+                  return PKEY_FS_CopyFileByFullName(file.c_str(), file.c_str()) == 0 &&
+                                 PKEY_FS_CopyFileByFullName(file.c_str(), link.c_str()) == 0 &&
+                                 PKEY_FS_CopyPkeyDir("/", store.root().c_str(),
+                                                     store.root().c_str()) == 0
+                             ? 0
+                             : 1;
+              }),
+              0);
+    EXPECT_EQ(get(file), "key file image");
+}
+
+TEST_F(FsFileTest, FifosAndDevicesAtAFilePathFailPromptlyAndStayAsTheyWere) {
+    const std::string fifo = path("fifo"), copy = path("copy"), src = path("src");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0660), 0);
+    put(src, "data");
+    EXPECT_EQ(pkey::test::exit_code_within([&] {
+                  int failed = 0;
+                  failed += PKEY_FS_OpenLock(fifo.c_str()) == -1;
+                  failed += PKEY_FS_OpenCreateLock(fifo.c_str()) == -1;
+                  failed += read_vfs(fifo) == "<null>";
+                  failed += write_vfs(fifo, "data") == kFailed;
+                  failed += PKEY_FS_CopyFileByFullName(fifo.c_str(), copy.c_str()) == -1;
+                  PKEY_FS_CopyFileByFullName(src.c_str(), fifo.c_str());
+                  // A character device: /dev/null reads as empty and would swallow a write.
+                  failed += PKEY_FS_OpenLock("/dev/null") == -1;
+                  failed += PKEY_FS_OpenCreateLock("/dev/null") == -1;
+                  return failed == 7 ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(fsys::is_fifo(fifo));
+    EXPECT_FALSE(fsys::exists(copy));
+    EXPECT_TRUE(fsys::is_character_file("/dev/null"));
+}
+
+// The record of held files is checked against the descriptors themselves: one
+// closed behind the layer's back, or reused for another file, holds nothing.
+TEST_F(FsFileTest, ADescriptorClosedElsewhereNoLongerCountsAsHeld) {
+    const std::string file = path("f"), other = path("g");
+    put(file, "f");
+    put(other, "g");
+    EXPECT_EQ(pkey::test::exit_code_within([&] {
+                  int fd = PKEY_FS_OpenLock(file.c_str());
+                  if (fd == -1) return 1;
+                  close(fd);  // not through the layer
+                  fd = PKEY_FS_OpenLock(file.c_str());
+                  if (fd == -1) return 2;
+                  // The same descriptor number, now naming another file.
+                  const int g = open(other.c_str(), O_RDONLY);
+                  if (g == -1 || dup2(g, fd) != fd) return 3;
+                  close(g);
+                  const int again = PKEY_FS_OpenLock(file.c_str());
+                  if (again == -1) return 4;
+                  PKEY_FS_CloseUnLock(again);
+                  close(fd);
+                  return 0;
+              }),
+              0);
+}
+
+TEST_F(FsFileTest, AnotherThreadOfTheProcessWaitsForTheLockAndThenSucceeds) {
+    const std::string file = path("shared");
+    put(file, "old");
+    EXPECT_EQ(pkey::test::exit_code_within([&] {
+                  const int fd = PKEY_FS_OpenLock(file.c_str());
+                  if (fd == -1) return 1;
+                  std::atomic<int> result{-1};
+                  std::thread writer([&] { result = write_vfs(file, "new"); });
+                  usleep(100 * 1000);
+                  const bool waited = result == -1;  // a refusal would be kFailed by now
+                  PKEY_FS_CloseUnLock(fd);
+                  writer.join();
+                  return waited && result == 0 ? 0 : 2;
+              }),
+              0);
     EXPECT_EQ(get(file), "new");
 }
 

@@ -2,11 +2,15 @@
 // reading back, integrity, FIPS refusals, and creating host and server keys.
 #include <gtest/gtest.h>
 #include <openssl/obj_mac.h>
+#include <sys/stat.h>
+
+#include <atomic>
 
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -209,6 +213,124 @@ TEST_F(KeyFileTest, ASavedKeyReachesEveryStandbyNodesFlash) {
     for (unsigned int node : {2u, 5u})
         EXPECT_EQ(get(store.work_dir(node) + "/pkey/ecdsa/k.key"), image) << node;
     EXPECT_FALSE(fsys::exists(store.mem_dir(2) + "/pkey"));
+}
+
+// ---- names and files that are not what they seem ---------------------------
+
+TEST_F(KeyFileTest, KeyNamesThatLeaveTheKeyDirectoryAreRefusedBeforeAnythingIsTouched) {
+    using pkey::test::NameAttack;
+    unsigned int len = 0;
+    pkey::MallocPtr<unsigned char> record(PKEY_PUBKEY_ConvertKeyToStoreBuf(p256, &len));
+    ASSERT_TRUE(record);
+    const unsigned char *rec = record.get();
+    EVP_PKEY *key = p256, *rsa = rsa1024;
+    pkey::test::expect_escaping_names_refused({
+        {"PKEY_LOCAL_WriteKeyBufToDev", PKEY_ALG_ECDSA, key,
+         [=](const char *n) {
+             return PKEY_LOCAL_WriteKeyBufToDev(PKEY_ALG_ECDSA, PKEY_KEY_HOST, rec, len, n) ==
+                    kFailed;
+         }},
+        {"PKEY_LOCAL_SaveLocalKey", PKEY_ALG_ECDSA, key,
+         [=](const char *n) { return save(PKEY_ALG_ECDSA, key, n) == kFailed; }},
+        {"PKEY_SaveLocalKey", PKEY_ALG_ECDSA, key,
+         [=](const char *n) { return PKEY_SaveLocalKey(n, key) == kFailed; }},
+        {"PKEY_LOCAL_ReadKeyToBuf", PKEY_ALG_ECDSA, key,
+         [](const char *n) { return read_record(PKEY_ALG_ECDSA, n).empty(); }},
+        {"PKEY_LOCAL_ReadKeyToEvpPkey", PKEY_ALG_ECDSA, key,
+         [](const char *n) { return read_key(PKEY_ALG_ECDSA, n) == nullptr; }},
+        {"PKEY_LOCAL_GenerateOneKey", PKEY_ALG_ECDSA, key,
+         [](const char *n) {
+             return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_ECDSA, PKEY_NID_P256, PKEY_KEY_HOST, 0, n) ==
+                    kFailed;
+         }},
+        {"PKEY_LOCAL_GenerateKey", PKEY_ALG_ECDSA, key,
+         [](const char *n) {
+             PKEY_KEYGEN_REQ_S r{};
+             r.uiAlgId = PKEY_ALG_ECDSA;
+             r.uiCurveNid = PKEY_NID_P256;
+             std::snprintf(r.szKeyName, sizeof r.szKeyName, "%s", n);
+             return PKEY_LOCAL_GenerateKey(&r) == kFailed;
+         }},
+        {"PKEY_UpdateServerKey", PKEY_ALG_RSA, rsa,
+         [](const char *n) { return PKEY_UpdateServerKey(EVP_PKEY_RSA, n) == kFailed; }},
+    });
+}
+
+// A hard link between the two copies, or a memory key directory linked to the
+// flash work directory, makes both names one file. Writing it used to wait for
+// ever on its own lock; now the write fails at once and the key on flash
+// stays as it was.
+TEST_F(KeyFileTest, OneFileUnderBothCopiesNamesFailsAWritePromptlyAndLosesNothing) {
+    using pkey::test::exit_code_within;
+    auto fails = [](auto call) { return exit_code_within([&] { return call() == kFailed ? 0 : 1; }); };
+    ASSERT_EQ(save(PKEY_ALG_RSA, rsa1024, ""), 0);
+    const std::string flash_rsa = get(dev_file("hostkey"));
+    fsys::remove(mem_file("hostkey"));
+    fsys::create_hard_link(dev_file("hostkey"), mem_file("hostkey"));
+    EXPECT_EQ(fails([&] { return save(PKEY_ALG_RSA, rsa1024, ""); }), 0);
+    EXPECT_EQ(fails([&] { return PKEY_SaveHostKey(rsa1024); }), 0);
+    EXPECT_EQ(get(dev_file("hostkey")), flash_rsa);
+    EXPECT_TRUE(same_pair(read_key(PKEY_ALG_RSA, "").get(), rsa1024));
+
+    // The memory key directory as a link to the work directory: the default
+    // keys of both copies are then one path.
+    ASSERT_EQ(save(PKEY_ALG_DSA, dsa1024, ""), 0);
+    const std::string flash_dsa = get(dev_file("dsakey"));
+    fsys::remove_all(store.mem_dir(1) + "/pkey");
+    fsys::create_directory_symlink(store.work_dir(1), store.mem_dir(1) + "/pkey");
+    EXPECT_EQ(fails([&] { return save(PKEY_ALG_DSA, dsa1024, ""); }), 0);
+    EXPECT_EQ(get(dev_file("dsakey")), flash_dsa);
+    // A new key is made as the memory copy, the device open finds the file
+    // this thread holds, and the clean-up removes it: nothing is left behind.
+    EXPECT_EQ(fails([&] {
+                  return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_ECDSA, PKEY_NID_P256, PKEY_KEY_HOST, 0, "");
+              }),
+              0);
+    EXPECT_FALSE(fsys::exists(dev_file("ecdsakey")));
+    EXPECT_EQ(get(dev_file("dsakey")), flash_dsa);
+}
+
+TEST_F(KeyFileTest, AFifoInPlaceOfAKeyFileFailsReadsAndWritesPromptly) {
+    fsys::create_directories(store.mem_dir(1) + "/pkey/ecdsa");
+    fsys::create_directories(store.work_dir(1) + "/pkey/ecdsa");
+    ASSERT_EQ(mkfifo(mem_file("ecdsa/m.key").c_str(), 0660), 0);
+    ASSERT_EQ(mkfifo(dev_file("pkey/ecdsa/d.key").c_str(), 0660), 0);
+    EXPECT_EQ(pkey::test::exit_code_within([&] {
+                  return read_key(PKEY_ALG_ECDSA, "m") == nullptr &&
+                                 PKEY_GetHostKey(EVP_PKEY_EC, "m") == nullptr &&
+                                 save(PKEY_ALG_ECDSA, p256, "m") == kFailed &&
+                                 save(PKEY_ALG_ECDSA, p256, "d") == kFailed
+                             ? 0
+                             : 1;
+              }),
+              0);
+    // The FIFOs are still there; the failed save left no memory copy of "d".
+    EXPECT_TRUE(fsys::is_fifo(mem_file("ecdsa/m.key")) && fsys::is_fifo(dev_file("pkey/ecdsa/d.key")));
+    EXPECT_FALSE(fsys::exists(mem_file("ecdsa/d.key")));
+}
+
+// Threads of one process wait for each other's locks as processes do; the
+// record of a thread's own locks must not turn another thread away.
+TEST_F(KeyFileTest, ThreadsContendingForOneKeyFileAllSucceed) {
+    EXPECT_EQ(pkey::test::exit_code_within([&] {
+                  std::atomic<int> failures{0};
+                  auto work = [&](EVP_PKEY *key) {
+                      for (int i = 0; i < 40; ++i) {
+                          if (save(PKEY_ALG_ECDSA, key, "shared") != 0) ++failures;
+                          // A read may meet a write's empty file; it fails then, cleanly.
+                          const EvpPkeyPtr got = read_key(PKEY_ALG_ECDSA, "shared");
+                          if (got && !same_pair(got.get(), p256) && !same_pair(got.get(), p521))
+                              ++failures;
+                      }
+                  };
+                  std::thread a(work, p256), b(work, p521);
+                  a.join();
+                  b.join();
+                  return failures.load();
+              }),
+              0);
+    const EvpPkeyPtr last = read_key(PKEY_ALG_ECDSA, "shared");
+    EXPECT_TRUE(same_pair(last.get(), p256) || same_pair(last.get(), p521));
 }
 
 // ---- creating and replacing -------------------------------------------------

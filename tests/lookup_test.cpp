@@ -109,6 +109,24 @@ TEST_F(LookupTest, LookupsGiveNothingForMissingWrongOrCorruptKeys) {
     EXPECT_EQ(PKEY_IsKeyExist(EVP_PKEY_DSA, "d1"), 1);
 }
 
+TEST_F(LookupTest, LookupsAndTheExistenceTestRefuseNamesThatLeaveTheKeyDirectory) {
+    EVP_PKEY *ec = key("p256"), *rsa = key("rsa1024");
+    pkey::test::expect_escaping_names_refused({
+        {"PKEY_LOCAL_GetLocKey", PKEY_ALG_ECDSA, ec,
+         [](const char *n) {
+             return EvpPkeyPtr(PKEY_LOCAL_GetLocKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, n)) == nullptr;
+         }},
+        {"PKEY_GetHostKey", PKEY_ALG_ECDSA, ec,
+         [](const char *n) { return EvpPkeyPtr(PKEY_GetHostKey(EVP_PKEY_EC, n)) == nullptr; }},
+        {"PKEY_GetServerKey", PKEY_ALG_RSA, rsa,
+         [](const char *n) { return EvpPkeyPtr(PKEY_GetServerKey(EVP_PKEY_RSA, n)) == nullptr; }},
+        {"PKEY_LOCAL_IsKeyExist", PKEY_ALG_ECDSA, ec,
+         [](const char *n) { return PKEY_LOCAL_IsKeyExist(PKEY_ALG_ECDSA, n) == 0; }},
+        {"PKEY_IsKeyExist", PKEY_ALG_ECDSA, ec,
+         [](const char *n) { return PKEY_IsKeyExist(EVP_PKEY_EC, n) == 0; }},
+    });
+}
+
 TEST_F(LookupTest, ServerKeyOfAnotherTypeIsRefusedBeforeTheMirrorIsMade) {
     save(PKEY_ALG_RSA, PKEY_KEY_SERVER, key("rsa1024"), "");
     fsys::remove_all(store.mem_dir(1) + "/pkey");

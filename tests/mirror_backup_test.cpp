@@ -9,6 +9,7 @@
 #include "pkey_backup.h"
 #include "pkey_cfgmng.h"
 #include "pkey_fs.h"
+#include "test_keys.hpp"
 #include "test_store.hpp"
 #include "test_util.hpp"
 
@@ -110,6 +111,29 @@ TEST_F(BackupTest, RealTimeBackupRepeatsTheOperationOnEveryStandbyNode) {
     PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_RSA, 0, nullptr, "", remove_op, PKEY_KEY_HOST);
     for (unsigned int node : {2u, 3u})
         EXPECT_EQ(tree(store.work_dir(node)), (Tree{{"pkey/ecdsa/named.key", "nk"}})) << node;
+}
+
+TEST_F(BackupTest, RealTimeBackupDoesNothingForNamesThatLeaveTheKeyDirectory) {
+    EVP_PKEY *ec = pkey::test::test_key("p256");
+    auto never_runs = [](PKEY_BACKUP_FILE_OP op) {
+        return [op](const char *n) {
+            const unsigned short standby[] = {2};
+            HOST_SetStandbyNodes(standby, 1);
+            static int calls;
+            calls = 0;
+            PKEY_BACKUP_FILE_OP counting = [](const void *, unsigned int, const char *) {
+                ++calls;
+                return 0;
+            };
+            PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_ECDSA, 4, "data", n, counting, PKEY_KEY_HOST);
+            PKEY_BACKUP_SndRtLocalKey(PKEY_ALG_ECDSA, 4, "data", n, op, PKEY_KEY_HOST);
+            return calls == 0;
+        };
+    };
+    pkey::test::expect_escaping_names_refused({
+        {"PKEY_BACKUP_SndRtLocalKey (write)", PKEY_ALG_ECDSA, ec, never_runs(PKEY_FS_WriteDataToVFS)},
+        {"PKEY_BACKUP_SndRtLocalKey (remove)", PKEY_ALG_ECDSA, ec, never_runs(remove_op)},
+    });
 }
 
 TEST_F(BackupTest, BatchMakesTheStandbysFlashStoreEqualAbsenceIncluded) {

@@ -1,6 +1,7 @@
 // Peer keys: the configuration store, key-code entry and the operations on
 // stored keys, in and out of FIPS mode.
 #include <gtest/gtest.h>
+#include <openssl/core_names.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -135,6 +136,37 @@ TEST_F(PeerTest, KeyCodeEntryStoresTheReEncodedKeyOrSaysWhy) {
     EXPECT_EQ(r, PKEY_ERR_FAILED);
     HOST_SetAlgoEnabled(85, -1);
     EXPECT_EQ(PKEY_GetUserKeyByName("bad"), nullptr);
+}
+
+// Keys no real key pair has: with RSA e = 1 a "signature" is the message
+// itself, so anyone could log in as the owner of such a key.
+TEST_F(PeerTest, ImpossibleKeysAreInvalidKeyCodesAndRefusedByThePolicyButSavedDirectly) {
+    using pkey::test::public_key_with;
+    pkey::BignumPtr one(BN_new()), two(BN_new());
+    BN_set_word(one.get(), 1);
+    BN_set_word(two.get(), 2);
+    EVP_PKEY *dsa = pkey::test::test_key("dsa1024");
+    const EvpPkeyPtr impossible[] = {
+        public_key_with(rsa2048, {{OSSL_PKEY_PARAM_RSA_E, one.get()}}),
+        public_key_with(rsa2048, {{OSSL_PKEY_PARAM_RSA_E, two.get()}}),
+        public_key_with(dsa, {{OSSL_PKEY_PARAM_FFC_G, one.get()}}),
+        public_key_with(dsa, {{OSSL_PKEY_PARAM_PUB_KEY, one.get()}}),
+        pkey::test::ec_public_of("P-256", {0x00}),
+    };
+    for (const EvpPkeyPtr &key : impossible) {
+        ASSERT_TRUE(key);
+        const std::vector<unsigned char> der = public_der(key.get());
+        ASSERT_FALSE(der.empty());
+        unsigned int r = 0;
+        EXPECT_EQ(finish(entry("forged", hex_of(der)), &r),
+                  RC_LoadString(PKEY_MSG_INVALID_KEY_CODE));
+        EXPECT_EQ(r, PKEY_ERR_FAILED);
+        EXPECT_EQ(PKEY_EditKeyCode(key.get(), "forged"), PKEY_ERR_FAILED);
+        EXPECT_TRUE(peer_names().empty());
+    }
+    // Saving a key directly checks nothing, as before.
+    EXPECT_EQ(PKEY_SavePeerPubKey(impossible[0].get(), "unchecked"), 0u);
+    EXPECT_TRUE(stored_equals("unchecked", impossible[0].get()));
 }
 
 TEST_F(PeerTest, AStoreThatCannotBeOpenedRefusesSavesButNotDeletes) {

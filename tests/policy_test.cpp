@@ -1,6 +1,10 @@
 // The key-size, curve and algorithm policy in and out of FIPS mode.
 #include <gtest/gtest.h>
+#include <openssl/core_names.h>
+#include <openssl/err.h>
 #include <openssl/obj_mac.h>
+
+#include <vector>
 
 #include "host_platform.h"
 #include "pkey_pubkey.h"
@@ -116,6 +120,73 @@ TEST_F(PolicyTest, UnsupportedKeysHaveNoSizeAndNeverPass) {
     EXPECT_EQ(PKEY_PUBKEY_IsKeyMatchFipsMode(ed.get()), 0);
     EXPECT_EQ(PKEY_PUBKEY_GetKeyBits(nullptr), 0u);
     EXPECT_EQ(PKEY_PUBKEY_IsKeyLenValid(nullptr), 0);
+}
+
+// Numbers no real key pair has, each in a key OpenSSL builds without a word.
+TEST_F(PolicyTest, OnlyKeysARealKeyPairCanHaveArePossible) {
+    using pkey::BignumPtr;
+    using pkey::test::bn_param;
+    using pkey::test::public_key_with;
+    EVP_PKEY *rsa = pkey::test::test_key("rsa1024"), *dsa = pkey::test::test_key("dsa1024");
+    ASSERT_TRUE(rsa && dsa);
+    std::vector<BignumPtr> numbers;  // kept for the keys below
+    auto num = [&](const BIGNUM *base, long add) {
+        numbers.emplace_back(base != nullptr ? BN_dup(base) : BN_new());
+        BIGNUM *v = numbers.back().get();
+        if (add >= 0) BN_add_word(v, static_cast<BN_ULONG>(add));
+        else BN_sub_word(v, static_cast<BN_ULONG>(-add));
+        return v;
+    };
+    const BignumPtr n = bn_param(rsa, OSSL_PKEY_PARAM_RSA_N);
+    const BignumPtr p = bn_param(dsa, OSSL_PKEY_PARAM_FFC_P), q = bn_param(dsa, OSSL_PKEY_PARAM_FFC_Q);
+    // 2 lies outside the order-q subgroup of the fixed group (checked, not assumed).
+    const BIGNUM *two = num(nullptr, 2);
+    BignumPtr power(BN_new());
+    pkey::BnCtxPtr ctx(BN_CTX_new());
+    ASSERT_EQ(BN_mod_exp(power.get(), two, q.get(), p.get(), ctx.get()), 1);
+    ASSERT_FALSE(BN_is_one(power.get()));
+
+    const char *const e = OSSL_PKEY_PARAM_RSA_E, *const g = OSSL_PKEY_PARAM_FFC_G,
+                      *const y = OSSL_PKEY_PARAM_PUB_KEY;
+    struct Row {
+        const char *what;
+        pkey::EvpPkeyPtr key;
+        int possible;
+    };
+    Row rows[] = {
+        {"rsa as made", public_key_with(rsa, {}), 1},
+        {"rsa e = 3", public_key_with(rsa, {{e, num(nullptr, 3)}}), 1},
+        {"rsa e = 1", public_key_with(rsa, {{e, num(nullptr, 1)}}), 0},
+        {"rsa e = 2", public_key_with(rsa, {{e, num(nullptr, 2)}}), 0},
+        {"rsa e = 4", public_key_with(rsa, {{e, num(nullptr, 4)}}), 0},
+        {"rsa e = n", public_key_with(rsa, {{e, n.get()}}), 0},
+        {"rsa e = n + 2", public_key_with(rsa, {{e, num(n.get(), 2)}}), 0},
+        {"rsa even n", public_key_with(rsa, {{OSSL_PKEY_PARAM_RSA_N, num(n.get(), 1)}}), 0},
+        {"dsa as made", public_key_with(dsa, {}), 1},
+        {"dsa g = 1", public_key_with(dsa, {{g, num(nullptr, 1)}}), 0},
+        {"dsa g = p - 1", public_key_with(dsa, {{g, num(p.get(), -1)}}), 0},
+        {"dsa g = p + 1", public_key_with(dsa, {{g, num(p.get(), 1)}}), 0},
+        {"dsa g outside the subgroup", public_key_with(dsa, {{g, two}}), 0},
+        {"dsa y = 0", public_key_with(dsa, {{y, num(nullptr, 0)}}), 0},
+        {"dsa y = 1", public_key_with(dsa, {{y, num(nullptr, 1)}}), 0},
+        {"dsa y = p - 1", public_key_with(dsa, {{y, num(p.get(), -1)}}), 0},
+        {"dsa y = p", public_key_with(dsa, {{y, p.get()}}), 0},
+        {"dsa y outside the subgroup", public_key_with(dsa, {{y, two}}), 0},
+        {"ec P-192", ec_key_on("prime192v1"), 1},
+        {"ec P-256", ec_key_on("prime256v1"), 1},
+        {"ec P-384", ec_key_on("secp384r1"), 1},
+        {"ec P-521", ec_key_on("secp521r1"), 1},
+        // Possible, though the size policy refuses it: the two questions are apart.
+        {"ec P-224", ec_key_on("secp224r1"), 1},
+        {"ec point at infinity", pkey::test::ec_public_of("P-256", {0x00}), 0},
+        {"ed25519", pkey::EvpPkeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519")), 0},
+    };
+    for (const Row &r : rows) {
+        ASSERT_TRUE(r.key) << r.what;
+        EXPECT_EQ(PKEY_PUBKEY_IsPublicKeyPossible(r.key.get()), r.possible) << r.what;
+    }
+    EXPECT_EQ(PKEY_PUBKEY_IsPublicKeyPossible(nullptr), 0);
+    EXPECT_EQ(ERR_peek_error(), 0u);  // refusals leave nothing on the error queue
 }
 
 TEST_F(PolicyTest, AlgorithmSwitchesComeFromTheCryptoService) {

@@ -206,21 +206,6 @@ protected:
     Snapshot before_;
 };
 
-// Runs body in a child and gives its exit code, or -2 if it has not finished
-// within 60 seconds: a call that waits on its own lock fails the test.
-template <typename Body>
-int within_a_minute(Body body) {
-    const pid_t pid = pkey::test::spawn(body);
-    for (int i = 0; i < 600; ++i) {
-        int status = 0;
-        if (::waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        ::usleep(100 * 1000);
-    }
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-    return -2;
-}
-
 TEST_F(SecurityTest, KeyNamesThatClimbOutOfTheStoreAreRefusedEverywhere) {
     ASSERT_EQ(ctl({"local", "create", "rsa", "--bits", "1024", "--name", "v1"}).code, 0);
     const std::string climb = "../../../../../outside/v1";
@@ -272,7 +257,7 @@ TEST_F(SecurityTest, ExportsNeverOverwriteTheStoresOwnFiles) {
 TEST_F(SecurityTest, SavingUnderAClimbingNameTouchesNothingAndReturns) {
     use_store();
     EVP_PKEY *key = pkey::test::test_key("p256");
-    const int code = within_a_minute([&] {
+    const int code = pkey::test::exit_code_within([&] {
         return PKEY_SaveLocalKey("../../../../../outside/exist", key) == static_cast<int>(PKEY_ERR_FAILED) &&
                        PKEY_LOCAL_DestroyOneKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, "../../../../../outside/exist") ==
                            static_cast<int>(PKEY_ERR_FAILED)
@@ -295,14 +280,14 @@ TEST_F(SecurityTest, OneFileUnderTwoNamesFailsCleanlyInsteadOfHanging) {
     PKEY_KEYGEN_REQ_S request{};
     request.uiAlgId = PKEY_ALG_ECDSA;
     request.uiCurveNid = PKEY_NID_P256;
-    EXPECT_EQ(within_a_minute([&] { return PKEY_LOCAL_GenerateKey(&request) == 0 ? 0 : 1; }), 1);
+    EXPECT_EQ(pkey::test::exit_code_within([&] { return PKEY_LOCAL_GenerateKey(&request) == 0 ? 0 : 1; }), 1);
 
     // The memory key directory a link to the flash work directory.
     fs::remove_all(store_ + "/node1/run/pkey");
     fs::create_directory_symlink("../flash", store_ + "/node1/run/pkey");
     expect_refused(ctl({"local", "create", "ecdsa", "--force"}), 1, "one file");
     fs::remove(flash("ecdsakey"));  // a new key: the one file is made by the write itself
-    EXPECT_EQ(within_a_minute([&] { return PKEY_LOCAL_GenerateKey(&request) == 0 ? 0 : 1; }), 1);
+    EXPECT_EQ(pkey::test::exit_code_within([&] { return PKEY_LOCAL_GenerateKey(&request) == 0 ? 0 : 1; }), 1);
     EXPECT_FALSE(fs::exists(flash("ecdsakey"))) << "a half-stored key was left";
 }
 

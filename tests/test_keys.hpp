@@ -64,6 +64,43 @@ inline EvpPkeyPtr dsa_public_of_bits(unsigned int bits) {
     return key_from_params("DSA", bld.get());
 }
 
+// A big-number parameter of a key (NULL when absent).
+inline BignumPtr bn_param(const EVP_PKEY *key, const char *name) {
+    BIGNUM *bn = nullptr;
+    return BignumPtr(EVP_PKEY_get_bn_param(key, name, &bn) == 1 ? bn : nullptr);
+}
+
+// A public key with the numbers of an RSA (n, e) or DSA (p, q, g, y) key,
+// some of them replaced: a key no real key pair could have, built the way a
+// peer's key is, from its numbers alone. NULL when OpenSSL refuses them.
+inline EvpPkeyPtr public_key_with(const EVP_PKEY *base,
+                                  const std::map<std::string, const BIGNUM *> &replaced) {
+    const bool rsa = EVP_PKEY_get_id(base) == EVP_PKEY_RSA;
+    const std::vector<const char *> names =
+        rsa ? std::vector<const char *>{OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E}
+            : std::vector<const char *>{OSSL_PKEY_PARAM_FFC_P, OSSL_PKEY_PARAM_FFC_Q,
+                                        OSSL_PKEY_PARAM_FFC_G, OSSL_PKEY_PARAM_PUB_KEY};
+    std::unique_ptr<OSSL_PARAM_BLD, FnDeleter<OSSL_PARAM_BLD_free>> bld(OSSL_PARAM_BLD_new());
+    std::vector<BignumPtr> kept;
+    for (const char *name : names) {
+        const auto it = replaced.find(name);
+        if (it == replaced.end()) kept.push_back(bn_param(base, name));
+        const BIGNUM *value = it != replaced.end() ? it->second : kept.back().get();
+        OSSL_PARAM_BLD_push_BN(bld.get(), name, value);
+    }
+    return key_from_params(rsa ? "RSA" : "DSA", bld.get());
+}
+
+// A public EC key on a named curve holding the encoded point as given, which
+// OpenSSL decodes but does not judge (the point at infinity, {0x00}, too).
+inline EvpPkeyPtr ec_public_of(const char *curve, const std::vector<unsigned char> &point) {
+    std::unique_ptr<OSSL_PARAM_BLD, FnDeleter<OSSL_PARAM_BLD_free>> bld(OSSL_PARAM_BLD_new());
+    OSSL_PARAM_BLD_push_utf8_string(bld.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve, 0);
+    OSSL_PARAM_BLD_push_octet_string(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
+                                     point.size());
+    return key_from_params("EC", bld.get());
+}
+
 // A fresh EC key pair on any curve OpenSSL knows, by its short name.
 inline EvpPkeyPtr ec_key_on(const char *curve) {
     return EvpPkeyPtr(EVP_EC_gen(curve));

@@ -1,5 +1,5 @@
 // test_util.hpp - small helpers the test programs share: whole files, shell
-// commands and child processes.
+// commands and child processes (with a watchdog for calls that could hang).
 #pragma once
 
 #include <fcntl.h>
@@ -61,9 +61,28 @@ inline int exit_code(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-}  // namespace pkey::test
+// Exit code of body run in a child process, or kHung when the child has not
+// finished within the time given (it is then killed): a guard for calls that
+// must fail rather than wait for ever. The limit is generous on purpose; no
+// test measures how long a call takes.
+constexpr int kHung = -2;
+template <typename Body>
+int exit_code_within(Body body, std::chrono::seconds limit = std::chrono::seconds(30)) {
+    const pid_t pid = spawn(body);
+    if (pid < 0) return -1;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        int status = 0;
+        const pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        if (r < 0) return -1;
+        usleep(5 * 1000);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    return kHung;
+}
 
-namespace pkey::test {
 
 // What a program run by run_program did: its exit code (-1 killed by a
 // signal, -2 still running at the deadline and killed), and its output.

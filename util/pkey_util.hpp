@@ -9,6 +9,8 @@
 //   key material lives only in these.
 // - c_boundary(): runs a body at the C ABI edge and turns any exception into the
 //   function's failure result.
+// - is_escaping_key_name(): the one rule for key names that would leave their
+//   key directory.
 #pragma once
 
 #include <openssl/bn.h>
@@ -264,6 +266,15 @@ private:
     std::size_t len_ = 0;
     bool ok_ = true;
 };
+
+// True for a local key name that would lead its key file out of its key
+// directory: one holding "/" (so "../x" and "a/b"), or "." or "..", which name
+// a directory itself where no extension follows. NULL is left to the caller's
+// own rule. Every entry point that turns a key name into a path refuses these.
+inline bool is_escaping_key_name(const char *name) noexcept {
+    return name != nullptr && (std::strchr(name, '/') != nullptr || std::strcmp(name, ".") == 0 ||
+                               std::strcmp(name, "..") == 0);
+}
 
 // Runs body() at the C ABI edge: any exception becomes the failure result.
 template <typename R, typename F>
