@@ -122,6 +122,10 @@ print(n.bit_length(), e, n)' >"$key.ssh1"
   done
 done
 expect 0 pk peer add from-stdin - <"$work/peers/ecdsa-256.pub"
+# The library's own SSH1 export, comment and line end included, reads back.
+pk local export rsa --format ssh1 >"$work/host.ssh1"
+expect 0 pk peer add host-ssh1 "$work/host.ssh1"
+same "$(awk '{print $NF}' "$work/out")" "$(pk local list rsa | awk 'NR == 2 {print $6}')" "ssh1 export read back"
 expect 1 pk peer add junk /dev/null
 expect 1 pk peer add missing "$work/no-such-file"
 printf 'ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIGd4' >"$work/ed.pub"

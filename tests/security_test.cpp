@@ -322,6 +322,19 @@ TEST_F(SecurityTest, DamagedSettingsNeverReadAsFipsOff) {
     EXPECT_EQ(ctl({"fips", "status"}).out, "FIPS mode: on\n");
 }
 
+TEST_F(SecurityTest, AnUnreadablePeerDatabaseIsAnErrorNotAnEmptyStore) {
+    ASSERT_EQ(ctl({"peer", "list"}).code, 0);
+    for (const char *suffix : {"", "-wal", "-shm"}) fs::remove(store_ + "/db/PKEY.db" + suffix);
+    put(store_ + "/db/PKEY.db", std::string(4096, 'x'));
+    for (const std::vector<std::string> &command : std::vector<std::vector<std::string>>{
+             {"peer", "list"}, {"peer", "show", "alice"}, {"peer", "remove", "alice"}, {"fips", "on", "--dry-run"}}) {
+        const ProgramResult r = ctl(command);
+        expect_refused(r, 1, "cannot read the peer key database");
+        EXPECT_EQ(r.out.find("nothing had to go"), std::string::npos) << r.out;
+    }
+    expect_refused(ctl({"peer", "remove", "alice"}), 1, "PKEY.db");
+}
+
 TEST_F(SecurityTest, PeerKeysNoRealKeyPairHasAreRefused) {
     use_store();
     const EVP_PKEY *rsa = pkey::test::test_key("rsa1024");
@@ -354,13 +367,17 @@ TEST_F(SecurityTest, PeerKeysNoRealKeyPairHasAreRefused) {
     // Blobs OpenSSH would not read: bytes after the last field, a negative number.
     CraftedKey good = rsa_with(n.get(), e.get());
     good.blob.push_back(0);
-    expect_refused(ctl({"peer", "add", "bad", file("trailing.pub", good.line())}), 1, "malformed");
+    expect_refused(ctl({"peer", "add", "bad", file("trailing.pub", good.line())}), 1, "not one OpenSSH reads");
     CraftedKey negative = rsa_with(n.get(), e.get());
     negative.blob.clear();
     put_string(negative.blob, "ssh-rsa");
     put_mpint(negative.blob, e.get());
     put_mpint(negative.blob, n.get(), false);
-    expect_refused(ctl({"peer", "add", "bad", file("negative.pub", negative.line())}), 1, "malformed");
+    expect_refused(ctl({"peer", "add", "bad", file("negative.pub", negative.line())}), 1, "not one OpenSSH reads");
+    // A line whose type word is not its blob's.
+    const CraftedKey rsa_key = rsa_with(n.get(), e.get());
+    expect_refused(ctl({"peer", "add", "bad", file("mismatch.pub", "ssh-dss " + base64(rsa_key.blob) + "\n")}), 1,
+                   "another type");
     EXPECT_EQ(EvpPkeyPtr(PKEY_GetUserKeyByName("bad")), nullptr) << "nothing was stored";
 }
 

@@ -115,9 +115,11 @@ int local_create(const Args &a) {
         // The library stores whatever size it is given; the policy is the
         // configuration service's to apply first.
         if (bits < min_bits || bits > kMaxPolicyBits)
-            return failure(what("create", *alg), std::to_string(bits) + " bits is outside the policy (" +
-                                                     std::to_string(min_bits) + " to 2048 bits in " + mode_name() +
-                                                     " mode)");
+            return failure(what("create", *alg),
+                           std::to_string(bits) + " bits is outside the policy (" +
+                               (min_bits == kMaxPolicyBits ? "exactly 2048"
+                                                           : std::to_string(min_bits) + " to 2048") +
+                               " bits in " + mode_name() + " mode)");
         request.uiKeyBits = static_cast<unsigned int>(bits);
         label += " " + std::to_string(bits);
     }

@@ -48,9 +48,11 @@ Form detect_form(std::string_view text) {
     if (text.find(kSsh2Begin) != std::string_view::npos) return Form::kSsh2;
     for (std::string_view type : {"ssh-rsa", "ssh-dss", "ecdsa"})
         if (text.find(type) != std::string_view::npos) return Form::kOpenSsh;
-    const std::vector<std::string_view> tokens = split(text, kBlank);
+    std::vector<std::string_view> tokens = split(text, kBlank);
     if (tokens.empty()) return Form::kUnknown;
-    // A modulus runs to hundreds of digits; hex key code comes in pairs.
+    // Bits, exponent and modulus come first; a comment may follow. A modulus
+    // runs to hundreds of digits; hex key code comes in pairs.
+    if (tokens.size() > 3) tokens.resize(3);
     constexpr size_t kShortestModulus = 20;
     if (tokens.size() == 3 && tokens[2].size() >= kShortestModulus &&
         std::all_of(tokens.begin(), tokens.end(), [](std::string_view t) { return only(t, "0123456789"); }))
@@ -189,11 +191,11 @@ int add_parsed(const std::string &name, Form form, const std::string &text, char
                                                   : nullptr);
     if (!key) return failure(what, "not a readable RSA, DSA or ECDSA public key");
     if (form == Form::kOpenSsh || form == Form::kSsh2) {
-        if (PKEY_PUBKEY_IsBase64BlobStrict(base64.c_str(), type.empty() ? nullptr : type.c_str()) != 1)
-            return failure(what, form == Form::kOpenSsh && !type.empty()
-                                     ? "the key blob is malformed or is not a " + type +
-                                           " key (OpenSSH would refuse it)"
-                                     : "the key blob is malformed (OpenSSH would refuse it)");
+        if (PKEY_PUBKEY_IsBase64BlobStrict(base64.c_str(), nullptr) != 1)
+            return failure(what, "the key blob is not one OpenSSH reads: it must be one known key type, end "
+                                 "with its last field and hold no negative number");
+        if (!type.empty() && PKEY_PUBKEY_IsBase64BlobStrict(base64.c_str(), type.c_str()) != 1)
+            return failure(what, "the line says " + type + " but its key blob is another type");
         pkey::EvpPkeyPtr strict(PKEY_PUBKEY_Base64toEvppkey(base64.c_str()));
         if (!strict || PKEY_CmpPubKey(strict.get(), key.get()) != 1)
             return failure(what, "the text holds more than one key blob; give one key at a time");
@@ -317,7 +319,7 @@ int peer_remove(const Args &a) {
     // the operator is told instead.
     HOST_ClearError();
     const int handle = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_DELETE);
-    if (handle == -1) return failure("peer remove", "cannot open the peer key database: " + platform_error());
+    if (handle == -1) return failure("peer remove", "cannot read the peer key database: " + platform_error());
     DBM_Close(handle);
     const unsigned int r = PKEY_PEER_RemovePeerPubKeyByName(name.c_str());
     if (r == DBM_ERR_NOT_FOUND) return failure("peer remove", "no peer key " + name);
