@@ -49,28 +49,6 @@ const EVP_CIPHER *siv_cipher() {
     return cipher;
 }
 
-bool read_all(int fd, unsigned char *buf, std::size_t len) {
-    std::size_t done = 0;
-    while (done < len) {
-        ssize_t n = ::read(fd, buf + done, len - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-bool write_all(int fd, const unsigned char *buf, std::size_t len) {
-    std::size_t done = 0;
-    while (done < len) {
-        ssize_t n = ::write(fd, buf + done, len - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
 enum class KeyFile { kLoaded, kMissing, kBroken };
 
 KeyFile read_key_file(const std::string &path, SecureBuffer &key, std::string &why) {
@@ -108,37 +86,12 @@ bool create_key_file(const std::string &root, const std::string &path, SecureBuf
         return false;
     }
 
-    std::string temp = root + "/.device.key.XXXXXX";
-    int fd = ::mkostemp(temp.data(), O_CLOEXEC);  // mode 0600
-    if (fd < 0) {
-        const int err = errno;
-        why = "cannot make " + path + ": " + errno_text(err);
-        return false;
-    }
-    const bool written = ::fchmod(fd, 0600) == 0 && write_all(fd, fresh.data(), kDeviceKeyLen) &&
-                         ::fsync(fd) == 0;
-    const int write_errno = errno;
-    ::close(fd);
-    if (!written) {
-        ::unlink(temp.c_str());
-        why = "cannot make " + path + ": " + errno_text(write_errno);
-        return false;
-    }
-    const int linked = ::link(temp.c_str(), path.c_str());
-    const int link_errno = errno;
-    ::unlink(temp.c_str());
-    if (linked == 0) {
-        int dirfd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dirfd >= 0) {
-            (void)::fsync(dirfd);
-            ::close(dirfd);
-        }
-        key = std::move(fresh);
-        return true;
-    }
-    if (link_errno != EEXIST) {
-        why = "cannot make " + path + ": " + errno_text(link_errno);
-        return false;
+    switch (publish_new_file(root, "device.key", fresh.data(), kDeviceKeyLen, 0600, why)) {
+        case Publish::kDone:
+            key = std::move(fresh);
+            return true;
+        case Publish::kFailed: return false;
+        case Publish::kExists: break;  // another process made it first: use that one
     }
     return read_key_file(path, key, why) == KeyFile::kLoaded;
 }

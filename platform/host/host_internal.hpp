@@ -8,6 +8,9 @@
 // outlives the store it was built for.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -56,6 +59,22 @@ void store_failed(std::uint64_t generation, const std::string &reason);
 void record_error(std::string_view message);
 // strerror(err) without the thread-safety trouble of strerror.
 std::string errno_text(int err);
+
+// Whole reads and writes of a descriptor, retried past signals and short counts.
+bool read_all(int fd, unsigned char *buf, std::size_t len);
+bool write_all(int fd, const unsigned char *buf, std::size_t len);
+// Makes a directory's new entries durable.
+void sync_dir(const std::string &dir);
+// Writes bytes, synced, to a new "<dir>/.<name>.XXXXXX" of the given mode; its
+// path, or "" with why set.
+std::string write_temp_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
+                            std::size_t len, mode_t mode, std::string &why);
+// Publishes <dir>/<name> whole: written beside its place, then link()ed to
+// its name, so that a racing process sees no file or a complete one.
+// kExists when another process published first (its file stands).
+enum class Publish { kDone, kExists, kFailed };
+Publish publish_new_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
+                         std::size_t len, mode_t mode, std::string &why);
 
 // Checks <root>/settings as an open does: verifies it, migrates an older
 // layout, and (with create) makes a missing file with the defaults. On

@@ -202,17 +202,6 @@ Kind classify(const unsigned char *b, std::size_t size, Values &v, std::string &
     return Kind::kRefused;
 }
 
-bool write_all(int fd, const unsigned char *p, std::size_t len) {
-    while (len > 0) {
-        const ssize_t n = ::write(fd, p, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        len -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
 bool read_all_at(int fd, unsigned char *p, std::size_t len) {
     off_t at = 0;
     while (len > 0) {
@@ -226,34 +215,6 @@ bool read_all_at(int fd, unsigned char *p, std::size_t len) {
     return true;
 }
 
-void sync_dir(const std::string &dir) {
-    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    (void)::fsync(fd);
-    ::close(fd);
-}
-
-// A complete copy of bytes in a new temporary file of the root; "" on failure.
-std::string write_temp(const std::string &root, const Bytes &bytes, mode_t mode, std::string &why) {
-    std::string temp = root + "/.settings.XXXXXX";
-    const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
-    if (fd < 0) {
-        const int err = errno;
-        why = "cannot write " + root + "/settings: " + errno_text(err);
-        return {};
-    }
-    const bool ok = ::fchmod(fd, mode) == 0 && write_all(fd, bytes.data(), bytes.size()) &&
-                    ::fsync(fd) == 0;
-    const int err = errno;
-    ::close(fd);
-    if (!ok) {
-        ::unlink(temp.c_str());
-        why = "cannot write " + root + "/settings: " + errno_text(err);
-        return {};
-    }
-    return temp;
-}
-
 // Publishes a settings file with the defaults unless another process got
 // there first (which is as good).
 bool create_settings(const std::string &root, const std::string &path, std::string &why) {
@@ -262,17 +223,7 @@ bool create_settings(const std::string &root, const std::string &path, std::stri
         why = "cannot write " + path + ": no SHA-256 available";
         return false;
     }
-    const std::string temp = write_temp(root, bytes, 0660, why);
-    if (temp.empty()) return false;
-    const int linked = ::link(temp.c_str(), path.c_str());
-    const int err = errno;
-    ::unlink(temp.c_str());
-    if (linked != 0 && err != EEXIST) {
-        why = "cannot write " + path + ": " + errno_text(err);
-        return false;
-    }
-    sync_dir(root);
-    return true;
+    return publish_new_file(root, "settings", bytes.data(), bytes.size(), 0660, why) != Publish::kFailed;
 }
 
 // Replaces a version-1 file (locked by the caller) with its version-2 form.
@@ -283,7 +234,7 @@ bool migrate_settings(const std::string &root, const std::string &path, const Va
         why = "cannot write " + path + ": no SHA-256 available";
         return false;
     }
-    const std::string temp = write_temp(root, bytes, mode, why);
+    const std::string temp = write_temp_file(root, "settings", bytes.data(), bytes.size(), mode, why);
     if (temp.empty()) return false;
     if (::rename(temp.c_str(), path.c_str()) != 0) {
         const int err = errno;
