@@ -170,9 +170,10 @@ PKEY_API EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text);
  * point on the second key's group), else 0. */
 PKEY_API int PKEY_CmpPubKey(const EVP_PKEY *a, const EVP_PKEY *b);
 /* 1 if the Base64 text decodes to an SSH key buffer read the way OpenSSH
- * reads one: a known type name ("ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp192",
- * -256, -384, -521), its fields complete and nothing after the last, every
- * mpint non-negative (leading zero bytes are accepted), an ECDSA curve name
+ * reads one: padding only at the end of the text, a known type name
+ * ("ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp192", -256, -384, -521), its
+ * fields complete and nothing after the last, every mpint non-negative and
+ * of at most 16384 bits (leading zero bytes are accepted), an ECDSA curve name
  * that matches the type name, and, when typeName is not NULL, a type name
  * equal to it. Else 0. PKEY_PUBKEY_Base64toEvppkey itself is more lenient:
  * it ignores bytes after the last field and reads mpints without a sign. */

@@ -252,16 +252,30 @@ struct DecodedBlob {
     ByteReader reader() const noexcept { return ByteReader(bytes.get(), size); }
 };
 
+// OpenSSH's largest number: 16384 bits, and one 0x00 byte before it.
+constexpr std::size_t kMaxMpintBytes = 16384 / 8;
+
 // count mpints as OpenSSH reads them, and nothing after the last: each
-// complete and not negative (a set top bit in its first byte). Leading zero
-// bytes are accepted; they do not change the value.
+// complete, not negative (a set top bit in its first byte) and not longer
+// than OpenSSH takes. Leading zero bytes are accepted; they do not change the
+// value.
 bool strict_mpints(ByteReader in, std::size_t count) noexcept {
     for (std::size_t i = 0; i < count; ++i) {
         std::span<const unsigned char> magnitude;
         if (!in.read_length_prefixed(magnitude)) return false;
         if (!magnitude.empty() && (magnitude[0] & 0x80) != 0) return false;
+        if (magnitude.size() > kMaxMpintBytes + 1 ||
+            (magnitude.size() == kMaxMpintBytes + 1 && magnitude[0] != 0))
+            return false;
     }
     return in.empty();
+}
+
+// Padding only at the very end, as OpenSSH's decoder wants; the shared
+// decoder also takes a padded group in the middle of a text.
+bool padded_only_at_end(std::string_view text) noexcept {
+    const std::size_t pad = text.find('=');
+    return pad == std::string_view::npos || text.find_first_not_of('=', pad) == std::string_view::npos;
 }
 
 bool is_strict_ecdsa_type(std::string_view type) noexcept {
@@ -449,6 +463,7 @@ EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text) {
 
 int PKEY_PUBKEY_IsBase64BlobStrict(const char *text, const char *typeName) {
     return pkey::c_boundary<int>(0, [&]() -> int {
+        if (text == nullptr || !padded_only_at_end(text)) return 0;
         const DecodedBlob blob(text);
         if (!blob) return 0;
         ByteReader in = blob.reader();

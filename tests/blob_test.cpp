@@ -308,6 +308,12 @@ TEST_F(BlobTest, StrictBlobCheckReadsKeyBuffersAsOpenSshDoes) {
         {"point off the curve", ec_blob("ecdsa-sha2-nistp256", "nistp256",
                                         [&] { Bytes b = point; b[64] ^= 1; return b; }()), 0},
         {"not Base64", rsa_blob(e, with_zeros(1)) + "\n", 0},
+        {"padding in mid-text", b64({rsa[0]}) + b64(Bytes(rsa.begin() + 1, rsa.end())), 0},
+        {"n of 16384 bits", rsa_blob(e, [] { Bytes v(2049, 0xAB); v[0] = 0; return v; }()), 1},
+        {"n of 16392 bits", rsa_blob(e, [] { Bytes v(2050, 0xAB); v[0] = 0; return v; }()), 0},
+        {"zeros beyond OpenSSH's length", rsa_blob(e, [&] { Bytes v(2050 - n_magnitude.size(), 0);
+                                                            v.insert(v.end(), n_magnitude.begin(), n_magnitude.end());
+                                                            return v; }()), 0},
         {"empty", "", 0},
     };
     for (const Row &r : rows) EXPECT_EQ(strict(r.text), r.strict) << r.what;
