@@ -15,6 +15,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -112,6 +113,23 @@ inline std::string stat_line(const std::string &path) {
     return line;
 }
 
+// Every path below root (root itself as "."), each with its stat_line,
+// leaving out the subtrees named in skip (paths relative to root).
+inline std::map<std::string, std::string> tree_listing(const std::string &root,
+                                                       const std::vector<std::string> &skip = {}) {
+    namespace fsys = std::filesystem;
+    std::map<std::string, std::string> out{{".", stat_line(root)}};
+    for (auto it = fsys::recursive_directory_iterator(root); it != fsys::recursive_directory_iterator(); ++it) {
+        const std::string rel = it->path().string().substr(root.size() + 1);
+        if (std::find(skip.begin(), skip.end(), rel) != skip.end()) {
+            it.disable_recursion_pending();
+            continue;
+        }
+        out[rel] = stat_line(it->path().string());
+    }
+    return out;
+}
+
 // A store inside a private parent directory that also holds a few files of
 // its own ("outside/..."). Both go with the object.
 class Sandbox {
@@ -135,18 +153,7 @@ public:
     // Every path below the parent, the parent itself included but not the
     // store's tree, with its stat_line.
     std::map<std::string, std::string> listing() const {
-        namespace fsys = std::filesystem;
-        std::map<std::string, std::string> out{{".", stat_line(parent_)}};
-        for (auto it = fsys::recursive_directory_iterator(parent_);
-             it != fsys::recursive_directory_iterator(); ++it) {
-            const std::string path = it->path().string();
-            if (path == store_->root()) {
-                it.disable_recursion_pending();
-                continue;
-            }
-            out[path.substr(parent_.size())] = stat_line(path);
-        }
-        return out;
+        return tree_listing(parent_, {store_->root().substr(parent_.size() + 1)});
     }
 
     // Puts a real key file of this store (key, saved as a host key of alg)

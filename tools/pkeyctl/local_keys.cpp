@@ -41,10 +41,22 @@ bool exists(const char *path) {
     return ::lstat(path, &st) == 0;
 }
 
-// Both names reach one file: a hard link, or a directory linked to the other.
+// The directory part of a path with its links resolved, and its last name;
+// "" when the directory is not there.
+std::string resolved(const std::string &path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return "";
+    pkey::MallocPtr<char> dir(::realpath(path.substr(0, slash).c_str(), nullptr));
+    return dir ? std::string(dir.get()) + path.substr(slash) : "";
+}
+
+// Both names reach one file: a hard link, or a directory linked to the
+// other's, whether or not the file is there now.
 bool one_file(const char *a, const char *b) {
     struct stat sa {}, sb {};
-    return ::stat(a, &sa) == 0 && ::stat(b, &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+    if (::stat(a, &sa) == 0 && ::stat(b, &sb) == 0) return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+    const std::string ra = resolved(a);
+    return !ra.empty() && ra == resolved(b);
 }
 
 std::string strerror_text(int err) { return std::strerror(err); }
@@ -157,10 +169,10 @@ std::string display_name(const Algorithm &alg, const std::string &name, unsigned
 
 std::string StoredKey::display() const { return display_name(*alg, name, kind); }
 
-std::optional<StoredKey> stored_key(const Algorithm &alg, unsigned int kind, const std::string &name) {
-    // The library fills an absent memory mirror from flash on its first
-    // read; what is missing after that is missing.
-    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+namespace {
+
+// One key of a store whose memory mirror is already filled.
+std::optional<StoredKey> read_stored_key(const Algorithm &alg, unsigned int kind, const std::string &name) {
     const KeyPaths paths(alg.alg_id, kind, name);
     if (!exists(paths.mem) && !exists(paths.dev)) return std::nullopt;
     StoredKey k;
@@ -171,14 +183,23 @@ std::optional<StoredKey> stored_key(const Algorithm &alg, unsigned int kind, con
     return k;
 }
 
+}  // namespace
+
+std::optional<StoredKey> stored_key(const Algorithm &alg, unsigned int kind, const std::string &name) {
+    // The library fills an absent memory mirror from flash on its first
+    // read; what is missing after that is missing.
+    PKEY_CFGMNG_UpdateLocKeyMemFiles();
+    return read_stored_key(alg, kind, name);
+}
+
 std::vector<StoredKey> stored_keys(const Algorithm *only, std::vector<std::string> &errors) {
     std::vector<StoredKey> keys;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     for (const Algorithm &alg : algorithms()) {
         if (only != nullptr && only != &alg) continue;
-        if (auto k = stored_key(alg, PKEY_KEY_HOST, "")) keys.push_back(std::move(*k));
+        if (auto k = read_stored_key(alg, PKEY_KEY_HOST, "")) keys.push_back(std::move(*k));
         if (alg.alg_id == PKEY_ALG_RSA)
-            if (auto k = stored_key(alg, PKEY_KEY_SERVER, "")) keys.push_back(std::move(*k));
+            if (auto k = read_stored_key(alg, PKEY_KEY_SERVER, "")) keys.push_back(std::move(*k));
         std::set<std::string> names;
         char dir[PKEY_PATH_LEN] = "";
         PKEY_FS_GetLocKeyMemDirByAlgId(alg.alg_id, dir);
@@ -187,7 +208,7 @@ std::vector<StoredKey> stored_keys(const Algorithm *only, std::vector<std::strin
         if (PKEY_FS_MakeDevFilePrefix(DEV_GetSelf(), work) == 0)
             key_names_in(std::string(work) + PKEY_FS_GetKeyDir(alg.alg_id), names, errors);
         for (const std::string &name : names)
-            if (auto k = stored_key(alg, PKEY_KEY_HOST, name)) keys.push_back(std::move(*k));
+            if (auto k = read_stored_key(alg, PKEY_KEY_HOST, name)) keys.push_back(std::move(*k));
     }
     return keys;
 }
