@@ -80,14 +80,17 @@ int PKEY_BACKUP_BatchDevProc(unsigned int node) {
         return r;
     // A "copy" onto itself would first remove the very keys it copies.
     if (std::strcmp(local, remote) == 0) return static_cast<int>(PKEY_ERR_FAILED);
+    bool complete = true;
     for (unsigned int alg : {PKEY_ALG_RSA, PKEY_ALG_DSA, PKEY_ALG_ECDSA}) {
         const char *dir = PKEY_FS_GetKeyDir(alg);
         (void)PKEY_FS_RemovePkeyDir(dir, remote);
-        (void)PKEY_FS_CopyPkeyDir(dir, local, remote);
+        if (PKEY_FS_CopyPkeyDir(dir, local, remote) == -1) complete = false;
     }
     int r = 0;
     for (const char *name : kDefaultKeyFiles) r = _backup_CopyDefaultKeyFile(local, remote, name);
-    return r;  // the ECDSA host key's copy decides
+    // The ECDSA host key's copy decides, unless a key directory could not be
+    // read whole: the standby then lacks keys and the caller must know.
+    return complete ? r : static_cast<int>(PKEY_ERR_FAILED);
 }
 
 }  // extern "C"

@@ -40,12 +40,21 @@ void PKEY_CFGMNG_UpdateLocKeyMemFiles(void) {
     scnprintf(dst, sizeof dst, "%s%s", mem_dir, kServerKeyName);
     PKEY_CFGMNG_CopyFile2File(src, dst);
 
+    bool complete = true;
     for (unsigned int alg : {PKEY_ALG_RSA, PKEY_ALG_DSA, PKEY_ALG_ECDSA}) {
         const char *name = PKEY_FS_GetDefaultKeyName(alg);
         scnprintf(src, sizeof src, "%s%s%s", work, "/", name);
         scnprintf(dst, sizeof dst, "%s%s", mem_dir, name);
         PKEY_CFGMNG_CopyFile2File(src, dst);
-        PKEY_FS_CopyPkeyDir(PKEY_FS_GetKeyDir(alg), work, mem_root);
+        if (PKEY_FS_CopyPkeyDir(PKEY_FS_GetKeyDir(alg), work, mem_root) == -1) complete = false;
+    }
+    // A key directory that could not be read whole would leave a memory copy
+    // missing keys that is never refreshed: it is taken away again, so that
+    // the next fill starts over.
+    if (!complete) {
+        for (unsigned int alg : {PKEY_ALG_RSA, PKEY_ALG_DSA, PKEY_ALG_ECDSA})
+            (void)PKEY_FS_RemovePkeyDir(PKEY_FS_GetKeyDir(alg), mem_root);
+        (void)PKEY_FS_RemovePkeyDir("", mem_dir);  // the default key files, then itself
     }
 }
 

@@ -138,13 +138,15 @@ bool is_dot_entry(const char *name) noexcept {
 
 // Calls fn(entry name) for every entry of an open directory but "." and "..".
 // Each stream keeps its own position, so walks of different directories (or
-// of one directory by two callers) do not disturb each other.
+// of one directory by two callers) do not disturb each other. False when the
+// directory could not be read to its end: a failing read (EOVERFLOW, EIO) is
+// never taken for the end of the directory.
 template <typename Fn>
-void for_each_entry(DIR *dir, Fn &&fn) {
+bool for_each_entry(DIR *dir, Fn &&fn) {
     for (;;) {
         errno = 0;
         const dirent *entry = readdir(dir);
-        if (entry == nullptr) return;  // end of the stream, or an error
+        if (entry == nullptr) return errno == 0;
         if (!is_dot_entry(entry->d_name)) fn(entry->d_name);
     }
 }
@@ -179,7 +181,9 @@ int PKEY_FS_OpenCreateLock(const char *path) {
     // Owner and mode are the store's whether or not the file existed; a
     // process that may not change them keeps what it has.
     (void)fchmod(fd, kFileMode);
-    (void)fchown(fd, kStoreOwner, kStoreGroup);
+    if (fchown(fd, kStoreOwner, kStoreGroup) != 0) {
+        // not the store's owner: the file keeps the caller's
+    }
     if (clear_nonblock_or_close(fd) == -1) return -1;
     return lock_or_close(fd, st);
 }
@@ -208,7 +212,9 @@ int PKEY_FS_MakeDir(const char *path) {
         dir[len] = '\0';
         if (mkdir(dir, kDirMode) == 0) {
             (void)chmod(dir, kDirMode);
-            (void)chown(dir, kStoreOwner, kStoreGroup);
+            if (chown(dir, kStoreOwner, kStoreGroup) != 0) {
+                // not the store's owner: the directory keeps the caller's
+            }
         } else if (errno != EEXIST) {
             return static_cast<int>(PKEY_ERR_FAILED);
         }
@@ -290,16 +296,20 @@ int PKEY_FS_RemovePkeyDir(const char *subDir, const char *base) {
     if (subDir == nullptr || base == nullptr) return static_cast<int>(PKEY_ERR_FAILED);
     char dir[PKEY_PATH_LEN];
     scnprintf(dir, sizeof dir, "%s%s", base, subDir);
+    bool listed = true;
     if (DIR *stream = opendir(dir); stream != nullptr) {
         // Key directories are flat: nothing is descended into, and an entry
         // that cannot be removed makes the final rmdir fail.
-        for_each_entry(stream, [&](const char *name) {
+        listed = for_each_entry(stream, [&](const char *name) {
             char file[PKEY_PATH_LEN];
             scnprintf(file, sizeof file, "%s%s", dir, name);
             PKEY_FS_RemoveFileFromVFS(0, 0, file);
         });
         closedir(stream);
     }
+    // A directory that could not be listed whole may still hold files, so it
+    // is left in place.
+    if (!listed) return static_cast<int>(PKEY_ERR_FAILED);
     return rmdir(dir) == 0 ? 0 : static_cast<int>(PKEY_ERR_FAILED);
 }
 
@@ -311,14 +321,15 @@ int PKEY_FS_CopyPkeyDir(const char *subDir, const char *srcBase, const char *dst
     scnprintf(dst, sizeof dst, "%s%s", dstBase, subDir);
     DIR *stream = opendir(src);
     if (stream == nullptr) return 0;
-    for_each_entry(stream, [&](const char *name) {
+    const bool listed = for_each_entry(stream, [&](const char *name) {
         char from[PKEY_PATH_LEN];
         char to[PKEY_PATH_LEN];
         scnprintf(from, sizeof from, "%s%s", src, name);
         scnprintf(to, sizeof to, "%s%s", dst, name);
         PKEY_FS_CopyFileByFullName(from, to);
     });
-    return closedir(stream);
+    const int closed = closedir(stream);
+    return listed ? closed : -1;
 }
 
 }  // extern "C"

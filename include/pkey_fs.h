@@ -94,7 +94,8 @@ PKEY_API int PKEY_FS_CopyFileByFullName(const char *src, const char *dst);
  * 0 or PKEY_ERR_FAILED (also for a missing or non-empty directory). */
 PKEY_API int PKEY_FS_RemovePkeyDir(const char *subDir, const char *base);
 /* Copies every file of srcBase + subDir to dstBase + subDir. 0 when the
- * source cannot be opened, else the result of closing it. */
+ * source cannot be opened, -1 when it cannot be read to its end, else the
+ * result of closing it. */
 PKEY_API int PKEY_FS_CopyPkeyDir(const char *subDir, const char *srcBase, const char *dstBase);
 
 #ifdef __cplusplus

@@ -36,6 +36,20 @@
 #define PKEY_LOCAL_H
 
 #include <dirent.h>
+
+/* These structures hold struct dirent, whose layout on a 32-bit glibc system
+ * depends on large-file and 64-bit time support: a program that uses them is
+ * built as the library is ("pkg-config --cflags pkey" and the CMake package
+ * pass both definitions). */
+#if defined(__GLIBC__) && __SIZEOF_LONG__ == 4
+#if !defined(_FILE_OFFSET_BITS) || _FILE_OFFSET_BITS != 64
+#error "pkey: build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64"
+#endif
+#if __GLIBC_PREREQ(2, 34) && (!defined(_TIME_BITS) || _TIME_BITS != 64)
+#error "pkey: build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64"
+#endif
+#endif
+
 #include <openssl/evp.h>
 
 #include "pkey_types.h"
@@ -193,7 +207,9 @@ typedef struct tagPKEY_LOCAL_NEXT_HANDLE {
  * the last record until it returns NULL (for RSA the server key comes second,
  * then every file of the key directory), then GetNextFinal. Every record is
  * the caller's (PKEY_LOCAL_DestroyLocalKeyInfo); one without
- * PKEY_INFO_HAS_KEY stands for a missing or unreadable key. */
+ * PKEY_INFO_HAS_KEY stands for a missing or unreadable key. GetNext's NULL
+ * leaves errno 0 at the end of the listing and sets it when the key directory
+ * could not be read on: the listing is then incomplete, not finished. */
 PKEY_API PKEY_LOCAL_NEXT_HANDLE_S *PKEY_LOCAL_GetNextInit(unsigned int algId);
 PKEY_API PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetFirst(PKEY_LOCAL_NEXT_HANDLE_S *handle);
 PKEY_API PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetNext(PKEY_LOCAL_NEXT_HANDLE_S *handle,

@@ -4,6 +4,7 @@
 #include <openssl/obj_mac.h>
 #include <openssl/x509.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -68,9 +69,11 @@ void copy_entry(struct dirent *to, const struct dirent *from) noexcept {
     to->d_name[name_len] = '\0';
 }
 
-// Next entry but "." and ".." into entry; false at the end or on an error.
+// Next entry but "." and ".." into entry; false at the end (errno 0) or when
+// the directory cannot be read on (errno says why).
 bool read_entry(DIR *dir, struct dirent *entry) noexcept {
     for (;;) {
+        errno = 0;
         const struct dirent *e = readdir(dir);
         if (e == nullptr) return false;
         if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) {

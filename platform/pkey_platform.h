@@ -11,6 +11,20 @@
 #define PKEY_PLATFORM_H
 
 #include <dirent.h>
+
+/* freedir takes struct dirent, whose layout on a 32-bit glibc system
+ * depends on large-file and 64-bit time support: a program that uses them is
+ * built as the library is ("pkg-config --cflags pkey" and the CMake package
+ * pass both definitions). */
+#if defined(__GLIBC__) && __SIZEOF_LONG__ == 4
+#if !defined(_FILE_OFFSET_BITS) || _FILE_OFFSET_BITS != 64
+#error "pkey: build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64"
+#endif
+#if __GLIBC_PREREQ(2, 34) && (!defined(_TIME_BITS) || _TIME_BITS != 64)
+#error "pkey: build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64"
+#endif
+#endif
+
 #include <stddef.h>
 
 #ifdef __cplusplus
@@ -149,13 +163,12 @@ PLATFORM_API int Mem_Alert_GetCurrentState(void);
 PLATFORM_API const char *RC_LoadString(unsigned int messageId);
 
 /* ---------------------------------------------------------------------------
- * System helpers beyond POSIX.
+ * System helpers beyond POSIX. None is a name of the C library or of its
+ * usual companions (libbsd); strlcpy, which those have, is never called.
  * ------------------------------------------------------------------------ */
 /* Bounded formatting; returns the number of characters stored (0 when size is 0). */
 PLATFORM_API int scnprintf(char *buf, size_t size, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));
-/* Copies at most size - 1 bytes and terminates; returns strlen(src). */
-PLATFORM_API size_t strlcpy(char *dst, const char *src, size_t size);
 /* Lower-cases text in place and returns it. */
 PLATFORM_API char *lowercase(char *text);
 /* Frees a scandir list of count entries; returns 0. */

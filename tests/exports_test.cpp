@@ -110,7 +110,7 @@ const std::set<std::string> kHostExports = {
     "FS_GetNodeDefaultWorkDir", "FS_GetLocalDefaultWorkDir", "FS_GetDefaultWorkDirBySlot",
     "FS_GetNodePathName", "FS_AnalyseFileName", "FS_IsValidFullFileName",
     "CRYPTO_FIPSIsEnabled", "CRYPTO_AlgoIsEnabled", "PKEY_Encrypt", "PKEY_Decrypt",
-    "Mem_Alert_GetCurrentState", "RC_LoadString", "scnprintf", "strlcpy", "lowercase", "freedir",
+    "Mem_Alert_GetCurrentState", "RC_LoadString", "scnprintf", "lowercase", "freedir",
     "HOST_Open", "HOST_OpenExisting", "HOST_LastError", "HOST_ClearError",
     "HOST_SetFipsMode", "HOST_SetAlgoEnabled", "HOST_SetMemAlarm",
     "HOST_SetSelfNode", "HOST_SetStandbyNodes", "HOST_SetNodeStatus",

@@ -41,7 +41,9 @@ int run_children(int n, const std::function<int(int)> &body) {
         if (::fork() != 0) continue;
         ::close(gate[1]);
         char c;
-        (void)::read(gate[0], &c, 1);  // returns at EOF, when the parent closes its end
+        // Returns at EOF, when the parent closes its end.
+        while (::read(gate[0], &c, 1) < 0 && errno == EINTR) {
+        }
         ::_exit(body(i));
     }
     ::close(gate[0]);

@@ -174,7 +174,9 @@ public:
         for (const std::string &path : paths) {
             put(path, image);
             ::chmod(path.c_str(), 0604);
-            if (::geteuid() == 0) (void)::chown(path.c_str(), 7, 7);
+            if (::geteuid() == 0) {
+                EXPECT_EQ(::chown(path.c_str(), 7, 7), 0);
+            }
             age(path);
             planted.push_back(path);
         }

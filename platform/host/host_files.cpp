@@ -1,6 +1,7 @@
 // host_files.cpp - whole-file helpers of the host platform: the store's own
 // small files (device key, settings) are written beside their place and then
 // published in one step, so another process sees no file or a complete one.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,6 +33,26 @@ bool write_all(int fd, const unsigned char *buf, std::size_t len) {
         done += static_cast<std::size_t>(n);
     }
     return true;
+}
+
+bool list_directory(const std::string &dir, std::vector<std::string> &names) {
+    names.clear();
+    DIR *stream = ::opendir(dir.c_str());
+    if (stream == nullptr) return errno == ENOENT || errno == ENOTDIR;
+    bool complete = true;
+    for (;;) {
+        errno = 0;
+        const struct dirent *e = ::readdir(stream);
+        if (e == nullptr) {
+            complete = errno == 0;
+            break;
+        }
+        const std::string_view name(e->d_name);
+        if (name != "." && name != "..") names.emplace_back(name);
+    }
+    ::closedir(stream);
+    if (!complete) names.clear();
+    return complete;
 }
 
 void sync_dir(const std::string &dir) {

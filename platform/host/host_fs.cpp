@@ -186,9 +186,10 @@ std::string join(const std::vector<std::string> &parts, std::size_t from, std::s
 
 // When the resolved path lies in "<root>/node<N>/flash" (or some node's flash
 // directory resolves to a prefix of it), sets slot and the index of the first
-// component below that directory.
+// component below that directory. unreadable is set when the root cannot be
+// listed to say so.
 bool locate_in_store(const std::string &root, const std::vector<std::string> &path,
-                     unsigned int &slot, std::size_t &below) {
+                     unsigned int &slot, std::size_t &below, bool &unreadable) {
     if (root.empty()) return false;
     std::vector<std::string> root_parts;
     for (std::string_view c : split_components(root)) root_parts.emplace_back(c);
@@ -202,13 +203,16 @@ bool locate_in_store(const std::string &root, const std::vector<std::string> &pa
         return true;
     }
 
-    // A node's flash directory that is itself a symlink elsewhere.
-    DIR *dir = ::opendir(root.c_str());
-    if (dir == nullptr) return false;
-    bool found = false;
-    while (struct dirent *e = ::readdir(dir)) {
+    // A node's flash directory that is itself a symlink elsewhere. A root
+    // that cannot be listed leaves the name unplaced: the analysis fails.
+    std::vector<std::string> entries;
+    if (!list_directory(root, entries)) {
+        unreadable = true;
+        return false;
+    }
+    for (const std::string &entry_name : entries) {
         unsigned int n = 0;
-        std::string_view entry(e->d_name);
+        std::string_view entry(entry_name);
         if (!entry.starts_with("node") || !parse_number(entry.substr(4), n)) continue;
         MallocPtr<char> real(::realpath(node_path(root, n, kFlashDevice).c_str(), nullptr));
         if (!real) continue;
@@ -216,12 +220,10 @@ bool locate_in_store(const std::string &root, const std::vector<std::string> &pa
         if (flash.size() <= path.size() && std::equal(flash.begin(), flash.end(), path.begin())) {
             slot = n;
             below = flash.size();
-            found = true;
-            break;
+            return true;
         }
     }
-    ::closedir(dir);
-    return found;
+    return false;
 }
 
 struct Analysis {
@@ -263,7 +265,10 @@ bool analyse(std::string_view name, const std::string &root, Analysis &a) {
     const bool is_directory = names_directory(name);
     unsigned int slot = 0;
     std::size_t below = 0;
-    if (locate_in_store(root, parts, slot, below)) {
+    bool unreadable = false;
+    const bool in_store = locate_in_store(root, parts, slot, below, unreadable);
+    if (unreadable) return false;
+    if (in_store) {
         a.device.assign(kFlashDevice);
         a.location1 = 0;
         a.location2 = static_cast<unsigned short>(slot);
@@ -349,34 +354,36 @@ bool anchor_covers(const Anchor &a, const Parts &path) {
     return false;
 }
 
-// Node directory names present in the root.
-std::vector<std::string> node_entries(const std::string &root) {
-    std::vector<std::string> names;
-    DIR *dir = ::opendir(root.c_str());
-    if (dir == nullptr) return names;
-    while (struct dirent *e = ::readdir(dir))
-        if (is_node_name(e->d_name)) names.emplace_back(e->d_name);
-    ::closedir(dir);
-    return names;
+// Node directory names present in the root; false when the root cannot be
+// listed, so that a guard refuses rather than overlooks a node.
+bool node_entries(const std::string &root, std::vector<std::string> &names) {
+    std::vector<std::string> entries;
+    if (!list_directory(root, entries)) return false;
+    names.clear();
+    for (std::string &e : entries)
+        if (is_node_name(e)) names.push_back(std::move(e));
+    return true;
 }
 
 // The store's directories in their resolved spelling, for those that are
 // symlinks to somewhere else (the spelled-out forms are matched by name).
-std::vector<Anchor> resolved_anchors(const std::string &root) {
-    std::vector<Anchor> anchors;
+// False when the root cannot be listed.
+bool resolved_anchors(const std::string &root, std::vector<Anchor> &anchors) {
+    std::vector<std::string> nodes;
+    if (!node_entries(root, nodes)) return false;
     const auto add = [&](Anchor::Kind kind, const std::string &path) {
         MallocPtr<char> real(::realpath(path.c_str(), nullptr));
         if (real && std::string_view(real.get()) != path)
             anchors.push_back({kind, to_parts(real.get())});
     };
     add(Anchor::kDb, root + "/db");
-    for (const std::string &node : node_entries(root)) {
+    for (const std::string &node : nodes) {
         const std::string dir = root + "/" + node;
         add(Anchor::kNode, dir);
         add(Anchor::kFlash, dir + "/flash");
         add(Anchor::kRun, dir + "/run");
     }
-    return anchors;
+    return true;
 }
 
 bool is_store_path(const std::string &root, const Parts &path) {
@@ -391,32 +398,33 @@ bool is_store_path(const std::string &root, const Parts &path) {
             if (anchor_covers(node, path)) return true;
         }
     }
-    for (const Anchor &a : resolved_anchors(root))
+    std::vector<Anchor> anchors;
+    if (!resolved_anchors(root, anchors)) return true;  // unknown: treated as the store's
+    for (const Anchor &a : anchors)
         if (anchor_covers(a, path)) return true;
     return false;
 }
 
 using FileId = std::pair<dev_t, ino_t>;
 
-// Adds the regular files under dir (not following symlinks below it) to ids.
-void collect_files(const std::string &dir, int depth, std::vector<FileId> &ids) {
+// Adds the regular files under dir (not following symlinks below it) to ids;
+// false when some directory of the tree cannot be listed.
+bool collect_files(const std::string &dir, int depth, std::vector<FileId> &ids) {
     constexpr int kMaxDepth = 16;
-    if (depth > kMaxDepth) return;
-    DIR *d = ::opendir(dir.c_str());
-    if (d == nullptr) return;
-    while (struct dirent *e = ::readdir(d)) {
-        const std::string_view name(e->d_name);
-        if (name == "." || name == "..") continue;
-        const std::string path = dir + "/" + e->d_name;
+    if (depth > kMaxDepth) return true;
+    std::vector<std::string> names;
+    if (!list_directory(dir, names)) return false;
+    for (const std::string &name : names) {
+        const std::string path = dir + "/" + name;
         struct stat st {};
         if (::lstat(path.c_str(), &st) != 0) continue;
         if (S_ISDIR(st.st_mode)) {
-            collect_files(path, depth + 1, ids);
+            if (!collect_files(path, depth + 1, ids)) return false;
         } else if (S_ISREG(st.st_mode)) {
             ids.emplace_back(st.st_dev, st.st_ino);
         }
     }
-    ::closedir(d);
+    return true;
 }
 
 void collect_file(const std::string &path, std::vector<FileId> &ids) {
@@ -425,35 +433,32 @@ void collect_file(const std::string &path, std::vector<FileId> &ids) {
         ids.emplace_back(st.st_dev, st.st_ino);
 }
 
-// The store's own files: root files, databases, key trees and default key files.
-std::vector<FileId> store_files(const std::string &root) {
-    std::vector<FileId> ids;
-    DIR *d = ::opendir(root.c_str());
-    if (d != nullptr) {
-        while (struct dirent *e = ::readdir(d))
-            if (is_root_file_name(e->d_name)) collect_file(root + "/" + e->d_name, ids);
-        ::closedir(d);
-    }
-    collect_files(root + "/db", 0, ids);
-    for (const std::string &node : node_entries(root)) {
+// The store's own files: root files, databases, key trees and default key
+// files. False when part of the store cannot be listed.
+bool store_files(const std::string &root, std::vector<FileId> &ids) {
+    std::vector<std::string> names;
+    if (!list_directory(root, names)) return false;
+    for (const std::string &name : names)
+        if (is_root_file_name(name)) collect_file(root + "/" + name, ids);
+    if (!collect_files(root + "/db", 0, ids)) return false;
+    std::vector<std::string> nodes;
+    if (!node_entries(root, nodes)) return false;
+    for (const std::string &node : nodes) {
         const std::string flash = root + "/" + node + "/flash";
-        if (DIR *f = ::opendir(flash.c_str())) {
-            while (struct dirent *e = ::readdir(f)) {
-                if (iequals(e->d_name, "pkey"))
-                    collect_files(flash + "/" + e->d_name, 0, ids);
-                else if (is_default_key_name(e->d_name))
-                    collect_file(flash + "/" + e->d_name, ids);
+        if (!list_directory(flash, names)) return false;
+        for (const std::string &name : names) {
+            if (iequals(name, "pkey")) {
+                if (!collect_files(flash + "/" + name, 0, ids)) return false;
+            } else if (is_default_key_name(name)) {
+                collect_file(flash + "/" + name, ids);
             }
-            ::closedir(f);
         }
         const std::string run = root + "/" + node + "/run";
-        if (DIR *m = ::opendir(run.c_str())) {
-            while (struct dirent *e = ::readdir(m))
-                if (iequals(e->d_name, "pkey")) collect_files(run + "/" + e->d_name, 0, ids);
-            ::closedir(m);
-        }
+        if (!list_directory(run, names)) return false;
+        for (const std::string &name : names)
+            if (iequals(name, "pkey") && !collect_files(run + "/" + name, 0, ids)) return false;
     }
-    return ids;
+    return true;
 }
 
 // A file that is already there under another name of one of the store's files.
@@ -461,9 +466,9 @@ bool is_store_file_link(const std::string &root, const std::string &path) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink < 2) return false;
     const FileId id{st.st_dev, st.st_ino};
-    for (const FileId &own : store_files(root))
-        if (own == id) return true;
-    return false;
+    std::vector<FileId> own;
+    if (!store_files(root, own)) return true;  // unknown: treated as the store's
+    return std::find(own.begin(), own.end(), id) != own.end();
 }
 
 // 0, or kFsErrStore when the name lands on the store's own files.

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace pkey::host {
 
@@ -63,6 +64,10 @@ std::string errno_text(int err);
 // Whole reads and writes of a descriptor, retried past signals and short counts.
 bool read_all(int fd, unsigned char *buf, std::size_t len);
 bool write_all(int fd, const unsigned char *buf, std::size_t len);
+// The entry names of dir but "." and "..". True with none when dir does not
+// exist; false when it exists but cannot be opened or read to its end (a
+// failing read is never taken for the end of the directory).
+bool list_directory(const std::string &dir, std::vector<std::string> &names);
 // Makes a directory's new entries durable.
 void sync_dir(const std::string &dir);
 // Writes bytes, synced, to a new "<dir>/.<name>.XXXXXX" of the given mode; its

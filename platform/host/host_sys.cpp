@@ -1,5 +1,8 @@
 // host_sys.cpp - message texts and the small C helpers the device's C library
-// has beyond POSIX.
+// has beyond POSIX. A helper this machine's C library already has is left to
+// it (the build checks): the host library never defines or exports a name of
+// the C library or of its companions such as libbsd. strlcpy is not among
+// them: libpkey never calls it, and glibc 2.38+, musl and libbsd each have one.
 
 #include <cctype>
 #include <cstdarg>
@@ -24,6 +27,7 @@ const char *RC_LoadString(unsigned int messageId) {
     }
 }
 
+#if !PKEY_LIBC_HAS_SCNPRINTF
 int scnprintf(char *buf, size_t size, const char *fmt, ...) {
     if (buf == nullptr || size == 0 || fmt == nullptr) return 0;
     va_list ap;
@@ -37,16 +41,9 @@ int scnprintf(char *buf, size_t size, const char *fmt, ...) {
     return static_cast<size_t>(n) < size ? n : static_cast<int>(size - 1);
 }
 
-size_t strlcpy(char *dst, const char *src, size_t size) {
-    const size_t len = std::strlen(src);
-    if (size != 0) {
-        const size_t n = len < size ? len : size - 1;
-        std::memcpy(dst, src, n);
-        dst[n] = '\0';
-    }
-    return len;
-}
+#endif
 
+#if !PKEY_LIBC_HAS_LOWERCASE
 char *lowercase(char *text) {
     if (text == nullptr) return nullptr;
     for (char *p = text; *p != '\0'; ++p) {
@@ -55,12 +52,15 @@ char *lowercase(char *text) {
     }
     return text;
 }
+#endif
 
+#if !PKEY_LIBC_HAS_FREEDIR
 int freedir(struct dirent **list, int count) {
     if (list == nullptr) return 0;
     for (int i = 0; i < count; ++i) std::free(list[i]);
     std::free(list);
     return 0;
 }
+#endif
 
 }  // extern "C"
