@@ -11,8 +11,9 @@ FUZZ_SECONDS ?= 60
 FUZZ_BUILD ?= $(BUILD)-fuzz
 ASAN_BUILD ?= $(BUILD)-asan
 BENCH_BUILD ?= $(BUILD)-bench
+COMPAT_BUILD ?= $(BUILD)-glibc238
 
-.PHONY: all deps configure build test test-unit test-asan fuzz fuzz-configure fuzz-smoke bench demo install clean
+.PHONY: all deps configure build test test-unit test-asan test-compat fuzz fuzz-configure fuzz-smoke bench demo install clean
 
 all: build
 
@@ -26,9 +27,10 @@ build: configure
 	cmake --build $(BUILD) -j$(JOBS)
 
 # Every test: the suite as built for use, the suite again under
-# AddressSanitizer and UndefinedBehaviorSanitizer (leaks are failures), and a
-# short run of every fuzz target.
-test: test-unit test-asan fuzz-smoke
+# AddressSanitizer and UndefinedBehaviorSanitizer (leaks are failures), a
+# short run of every fuzz target, and the whole tree compiled as on newer C
+# libraries.
+test: test-unit test-asan fuzz-smoke test-compat
 
 test-unit: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
@@ -37,6 +39,14 @@ test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DPKEY_SANITIZE=ON $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 ctest --output-on-failure -j$(JOBS)
+
+# The whole tree compiled with the C library's string.h declaring strlcpy and
+# strlcat as glibc 2.38 and later do: no declaration of ours may clash.
+COMPAT_FLAGS = -include $(CURDIR)/tests/compat/glibc238_string.h
+test-compat: deps
+	cmake -S . -B $(COMPAT_BUILD) -DCMAKE_BUILD_TYPE=Debug -DPKEY_BUILD_BENCH=OFF \
+	      -DCMAKE_C_FLAGS="$(COMPAT_FLAGS)" -DCMAKE_CXX_FLAGS="$(COMPAT_FLAGS)" $(CMAKE_FLAGS)
+	cmake --build $(COMPAT_BUILD) -j$(JOBS)
 
 fuzz-configure: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPKEY_FUZZ=ON -DPKEY_BUILD_TESTS=OFF $(CMAKE_FLAGS)
