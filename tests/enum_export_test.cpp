@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host_platform.h"
 #include "pkey_local.h"
 #include "pkey_pubkey.h"
+#include "platform_control.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
 #include "test_util.hpp"
@@ -266,7 +266,7 @@ TEST_F(LocalKeysTest, DestroyingTheDefaultRsaHostKeyTakesTheServerKey) {
 
 TEST_F(LocalKeysTest, StandbyNodesHearOfADestroyOnlyWhenTheDeviceCopyWent) {
     const unsigned short standby[] = {2};
-    HOST_SetStandbyNodes(standby, 1);
+    PCTL_SetStandbyNodes(standby, 1);
     ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, "m"), 0);
     ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_ECDSA, PKEY_KEY_HOST, p256, "d"), 0);
     const std::string standby_dir = store.work_dir(2) + "/pkey/ecdsa/";

@@ -103,6 +103,8 @@ const std::set<std::string> kCoreExports = {
     "PKEY_PEER_ReadSSH1PubKey",
 };
 
+// The host platform's library; the build names it on the host platform only.
+#ifdef LIBPKEY_HOST_PATH
 const std::set<std::string> kHostExports = {
     "DBM_Open", "DBM_Close", "DBM_Len", "DBM_GetBinary", "DBM_SetBinary", "DBM_DeleteKey",
     "DBM_GetKeyNumByValueType", "DBM_GetKeysByValueType", "DBM_FreeIterator",
@@ -115,13 +117,16 @@ const std::set<std::string> kHostExports = {
     "HOST_SetFipsMode", "HOST_SetAlgoEnabled", "HOST_SetMemAlarm",
     "HOST_SetSelfNode", "HOST_SetStandbyNodes", "HOST_SetNodeStatus",
 };
+#endif
 
 TEST(Exports, CoreLibraryExportsExactlyItsPkeyFunctions) {
     EXPECT_EQ(defined_dynamic_symbols(LIBPKEY_PATH), kCoreExports);
 }
 
+#ifdef LIBPKEY_HOST_PATH
 TEST(Exports, HostLibraryExportsExactlyThePlatformServices) {
     EXPECT_EQ(defined_dynamic_symbols(LIBPKEY_HOST_PATH), kHostExports);
 }
+#endif
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string>
 
-#include "host_platform.h"
 #include "pkey_fs.h"
+#include "platform_control.h"
 #include "test_store.hpp"
 
 namespace {
@@ -88,16 +88,16 @@ TEST_F(FsNamesTest, MemoryDirectoriesFollowTheRunningNode) {
     EXPECT_EQ(std::string(out), store.mem_dir(1) + "/pkey/ecdsa/");
     ASSERT_EQ(PKEY_FS_MakeMemFilePrefix(0x20005, out), 0);  // low 16 bits of the node
     EXPECT_EQ(std::string(out), store.mem_dir(5));
-    HOST_SetSelfNode(4);
+    PCTL_SetSelfNode(4);
     PKEY_FS_GetLocKeyMemDirByAlgId(1, out);
     EXPECT_EQ(std::string(out), store.mem_dir(4) + "/pkey/rsa/");
 }
 
 TEST_F(FsNamesTest, MemoryStatusFollowsTheAlarm) {
     EXPECT_EQ(PKEY_FS_CheckMemStatus(), 1);
-    HOST_SetMemAlarm(2);
+    PCTL_SetMemAlarm(2);
     EXPECT_EQ(PKEY_FS_CheckMemStatus(), 0);
-    HOST_SetMemAlarm(0);
+    PCTL_SetMemAlarm(0);
     EXPECT_EQ(PKEY_FS_CheckMemStatus(), 1);
 }
 

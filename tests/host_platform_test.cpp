@@ -90,6 +90,14 @@ using HostGuardTest = HostTest;
 using HostOpenTest = HostTest;
 using HostSettingsFileTest = HostTest;
 
+// The host layout, spelled out: node N's flash work directory and memory root.
+std::string flash_dir(const TempStore &s, unsigned int node) {
+    return s.root() + "/node" + std::to_string(node) + "/flash";
+}
+std::string run_dir(const TempStore &s, unsigned int node) {
+    return s.root() + "/node" + std::to_string(node) + "/run";
+}
+
 constexpr int kFsErrNoStore = 0x50030003;
 constexpr int kFsErrStore = 0x50030005;
 
@@ -105,8 +113,8 @@ TEST_F(HostPathsTest, WorkDirectoriesAndMemoryRootFollowTheNode) {
     char out[512];
     HOST_SetSelfNode(5);
     ASSERT_EQ(FS_GetLocalDefaultWorkDir(sizeof out, out), 0);
-    EXPECT_EQ(out, store.work_dir(5));
-    EXPECT_EQ(node_path_name("/var/run/pkey/rsa", 4), store.mem_dir(4) + "/pkey/rsa");
+    EXPECT_EQ(out, flash_dir(store, 5));
+    EXPECT_EQ(node_path_name("/var/run/pkey/rsa", 4), run_dir(store, 4) + "/pkey/rsa");
     // Only the memory root itself is mapped: look-alikes and other paths stay as they are.
     for (const char *kept : {"/var/running", "/tmp/var/run", "flash:/x"})
         EXPECT_EQ(node_path_name(kept, 2), kept);
@@ -128,7 +136,7 @@ std::string analyse(const std::string &name) {
 }
 
 TEST_F(HostPathsTest, AnalysisFindsSlotDirAndFileThroughDotsAndSymlinksAndRefusesBadNames) {
-    const std::string r = store.root(), w1 = store.work_dir(1);
+    const std::string r = store.root(), w1 = flash_dir(store, 1);
     for (const std::string &dir :
          {w1 + "/a/b", w1 + "/pkey", r + "/x", r + "/elsewhere/pkey", r + "/node4"})
         fs::create_directories(dir);
@@ -138,7 +146,7 @@ TEST_F(HostPathsTest, AnalysisFindsSlotDirAndFileThroughDotsAndSymlinksAndRefuse
     for (const auto &[to, from] : {std::pair<std::string, std::string>{w1, r + "/link"},
                                    {w1 + "/hostkey", r + "/hk"}, {w1 + "/dsakey", r + "/dangling"},
                                    {"../node1/flash/pkey", r + "/x/rel"},
-                                   {r + "/elsewhere", store.work_dir(4)},
+                                   {r + "/elsewhere", flash_dir(store, 4)},
                                    {r + "/loop-b", r + "/loop-a"}, {r + "/loop-a", r + "/loop-b"}})
         fs::create_symlink(to, from);
     HOST_SetSelfNode(2);
@@ -163,7 +171,7 @@ TEST_F(HostPathsTest, AnalysisFindsSlotDirAndFileThroughDotsAndSymlinksAndRefuse
                                    std::string(FS_DEVICE_NAME_LEN, 'd') + ":/f"};
     for (const std::string &name : refused) EXPECT_EQ(analyse(name), "refused") << name;
     // Other absolute paths are on the host file system.
-    for (const std::string &name : {r + "/other/z", r + "/node1/flashy/z", store.mem_dir(1) + "/z",
+    for (const std::string &name : {r + "/other/z", r + "/node1/flashy/z", run_dir(store, 1) + "/z",
                                     r + "/node01/flash/z"})
         EXPECT_EQ(analyse(name), "65535/65535 :" + name.substr(1, name.size() - 3) + "|z");
 }
@@ -182,7 +190,7 @@ TEST_F(HostPathsTest, FullFileNamesAreDeviceOrAbsoluteNamesOnly) {
 // The store's own files are out of reach of user file operations through
 // every spelling: "..", "//", symlinked directories, device form, hard links.
 TEST_F(HostGuardTest, NamesLandingOnTheStoresOwnFilesAreRefusedAndUserFilesAllowed) {
-    const std::string r = store.root(), w1 = store.work_dir(1), m1 = store.mem_dir(1);
+    const std::string r = store.root(), w1 = flash_dir(store, 1), m1 = run_dir(store, 1);
     ScratchDir outside;
     const std::string o = outside.path();
     ASSERT_EQ(PKEY_Encrypt(1, "x", 64, Bytes(64).data()), 0u);  // makes device.key

@@ -9,9 +9,9 @@
 #include <string>
 #include <utility>
 
-#include "host_platform.h"
 #include "pkey_local.h"
 #include "pkey_pubkey.h"
+#include "platform_control.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
 
@@ -66,7 +66,7 @@ TEST_F(KeygenTest, GeneratePKeyAcceptsRsaAndDsaOf512To2048BitsOnly) {
 
 TEST_F(KeygenTest, EcdsaIgnoresTheSizeAndTakesTheModesSmallestCurve) {
     for (int fips : {0, 1}) {
-        HOST_SetFipsMode(fips);
+        PCTL_SetFipsMode(fips);
         for (unsigned int bits : {0u, 99999u}) {
             EvpPkeyPtr key(PKEY_GeneratePKey(EVP_PKEY_EC, bits));
             ASSERT_TRUE(key) << fips << " " << bits;
@@ -90,17 +90,17 @@ TEST_F(KeygenTest, EcKeysOnEveryAllowedCurveUseNamedCurveEncodingAndOthersAreRef
         EXPECT_STREQ(encoding, OSSL_PKEY_EC_ENCODING_GROUP);
     }
     for (int nid : {0, NID_secp256k1, NID_secp224r1}) EXPECT_EQ(PKEY_GenerateECKey(nid), nullptr);
-    HOST_SetFipsMode(1);
+    PCTL_SetFipsMode(1);
     EXPECT_EQ(PKEY_GenerateECKey(NID_X9_62_prime192v1), nullptr);
 }
 
 TEST_F(KeygenTest, MemoryAlarmStopsEveryGenerator) {
-    HOST_SetMemAlarm(1);
+    PCTL_SetMemAlarm(1);
     EXPECT_EQ(PKEY_GenerateRSAKey(512), nullptr);
     EXPECT_EQ(PKEY_GenerateDSAKey(512), nullptr);
     EXPECT_EQ(PKEY_GenerateECKey(NID_X9_62_prime256v1), nullptr);
     EXPECT_EQ(PKEY_GeneratePKey(EVP_PKEY_EC, 0), nullptr);
-    HOST_SetMemAlarm(0);
+    PCTL_SetMemAlarm(0);
     EXPECT_TRUE(EvpPkeyPtr(PKEY_GenerateRSAKey(512)));
     EXPECT_EQ(PKEY_LOCAL_GenerateReserve(1024), nullptr);
 }

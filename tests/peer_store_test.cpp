@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "host_platform.h"
 #include "pkey_cfgmng.h"
 #include "pkey_peer.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
+#include "platform_control.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
 
@@ -126,15 +126,15 @@ TEST_F(PeerTest, KeyCodeEntryStoresTheReEncodedKeyOrSaysWhy) {
         EXPECT_EQ(finish(entry("bad", row.hex), &r), row.printed) << row.hex.substr(0, 16);
         EXPECT_EQ(r, PKEY_ERR_FAILED);
     }
-    HOST_SetFipsMode(1);
+    PCTL_SetFipsMode(1);
     EXPECT_EQ(finish(entry("small", hex_of(public_der(rsa1024))), &r),
               RC_LoadString(PKEY_MSG_KEY_SIZE_REFUSED));
     EXPECT_EQ(r, PKEY_ERR_FAILED);
-    HOST_SetFipsMode(0);
-    HOST_SetAlgoEnabled(85, 0);  // ECDSA switched off: refused without a word
+    PCTL_SetFipsMode(0);
+    PCTL_SetAlgoEnabled(85, 0);  // ECDSA switched off: refused without a word
     EXPECT_EQ(finish(entry("off", good), &r), "");
     EXPECT_EQ(r, PKEY_ERR_FAILED);
-    HOST_SetAlgoEnabled(85, -1);
+    PCTL_SetAlgoEnabled(85, -1);
     EXPECT_EQ(PKEY_GetUserKeyByName("bad"), nullptr);
 }
 
@@ -170,6 +170,7 @@ TEST_F(PeerTest, ImpossibleKeysAreInvalidKeyCodesAndRefusedByThePolicyButSavedDi
 }
 
 TEST_F(PeerTest, AStoreThatCannotBeOpenedRefusesSavesButNotDeletes) {
+    PKEY_TEST_HOST_ONLY("the database is made unusable through the host's store layout");
     pkey::test::TempStore broken;
     std::ofstream(broken.root() + "/db");  // a file where the database directory goes
     unsigned int r = 0;
@@ -183,7 +184,7 @@ TEST_F(PeerTest, AStoreThatCannotBeOpenedRefusesSavesButNotDeletes) {
 
 TEST_F(PeerTest, ParsedKeysFollowThePolicyUnlessSavedDirectly) {
     EXPECT_EQ(PKEY_EditKeyCode(rsa1024, "ok"), 0u);
-    HOST_SetFipsMode(1);
+    PCTL_SetFipsMode(1);
     EXPECT_EQ(PKEY_EditKeyCode(rsa1024, "weak"), PKEY_ERR_FAILED);
     EXPECT_EQ(PKEY_EditKeyCode(p192, "weak"), PKEY_ERR_FAILED);
     EXPECT_EQ(PKEY_EditKeyCode(p256, "strong"), 0u);
@@ -202,11 +203,11 @@ TEST_F(PeerTest, FipsModePurgesWeakKeysAtEveryLookup) {
     EXPECT_TRUE(stored_equals("r1024", rsa1024));  // outside FIPS mode nothing goes
     EXPECT_EQ(PKEY_IsPeerPubKeyExisted("r1024"), 1u);
     EXPECT_EQ(peer_names().size(), 5u);
-    HOST_SetFipsMode(1);
+    PCTL_SetFipsMode(1);
     EXPECT_EQ(PKEY_IsPeerPubKeyExisted("r1024"), 0u);  // a weak key is absent in FIPS mode
     EXPECT_EQ(PKEY_IsPeerPubKeyExisted("r2048"), 1u);
     EXPECT_EQ(PKEY_IsPeerPubKeyExisted(""), 0u);
-    HOST_SetFipsMode(0);  // the weak keys are gone for good, the unlooked-for P-192 one too
+    PCTL_SetFipsMode(0);  // the weak keys are gone for good, the unlooked-for P-192 one too
     EXPECT_EQ(peer_names(), (std::vector<std::string>{"junk", "p256", "r2048"}));
 }
 

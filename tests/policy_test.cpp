@@ -6,8 +6,8 @@
 
 #include <vector>
 
-#include "host_platform.h"
 #include "pkey_pubkey.h"
+#include "platform_control.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
 
@@ -40,7 +40,7 @@ TEST_F(PolicyTest, MinimumSizesFollowTheMode) {
     };
     const Row rows[] = {{0, 0, 0}, {1, 512, 2048}, {2, 512, 2048}, {3, 192, 256}, {4, 0, 0}};
     for (int fips : {0, 1}) {
-        HOST_SetFipsMode(fips);
+        PCTL_SetFipsMode(fips);
         for (const Row &r : rows) {
             EXPECT_EQ(PKEY_PUBKEY_GetMinKeyBits(r.alg), fips ? r.fips : r.non_fips)
                 << "alg " << r.alg << " fips " << fips;
@@ -56,7 +56,7 @@ TEST_F(PolicyTest, MinimumSizesFollowTheMode) {
 
 TEST_F(PolicyTest, CurvesAllowedPerMode) {
     for (int fips : {0, 1}) {
-        HOST_SetFipsMode(fips);
+        PCTL_SetFipsMode(fips);
         EXPECT_EQ(PKEY_IsValidECDSACurve(NID_X9_62_prime192v1), fips ? 0 : 1);
         for (int nid : {NID_X9_62_prime256v1, NID_secp384r1, NID_secp521r1})
             EXPECT_EQ(PKEY_IsValidECDSACurve(nid), 1) << nid;
@@ -79,13 +79,13 @@ TEST_F(PolicyTest, RsaAndDsaSizesHaveA2048BitCeilingInBothModes) {
             ASSERT_TRUE(key) << r.bits;
             EXPECT_EQ(PKEY_PUBKEY_GetKeyBits(key.get()), r.bits);
             EXPECT_EQ(PKEY_PUBKEY_GetPubKeySize(key.get()), r.bits);
-            HOST_SetFipsMode(0);
+            PCTL_SetFipsMode(0);
             EXPECT_EQ(PKEY_PUBKEY_IsKeyLenValid(key.get()), r.valid_non_fips) << r.bits;
-            HOST_SetFipsMode(1);
+            PCTL_SetFipsMode(1);
             EXPECT_EQ(PKEY_PUBKEY_IsKeyLenValid(key.get()), r.valid_fips) << r.bits;
             // FIPS strength has no ceiling and does not depend on the mode.
             EXPECT_EQ(PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()), r.fips_strength) << r.bits;
-            HOST_SetFipsMode(0);
+            PCTL_SetFipsMode(0);
             EXPECT_EQ(PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()), r.fips_strength) << r.bits;
         }
     }
@@ -104,9 +104,9 @@ TEST_F(PolicyTest, EcKeysAreJudgedByCurveAndOrderSize) {
         pkey::EvpPkeyPtr key = ec_key_on(r.curve);
         ASSERT_TRUE(key) << r.curve;
         EXPECT_EQ(PKEY_PUBKEY_GetKeyBits(key.get()), r.bits) << r.curve;
-        HOST_SetFipsMode(0);
+        PCTL_SetFipsMode(0);
         EXPECT_EQ(PKEY_PUBKEY_IsKeyLenValid(key.get()), r.valid_non_fips) << r.curve;
-        HOST_SetFipsMode(1);
+        PCTL_SetFipsMode(1);
         EXPECT_EQ(PKEY_PUBKEY_IsKeyLenValid(key.get()), r.valid_fips) << r.curve;
         EXPECT_EQ(PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()), r.fips_strength) << r.curve;
     }
@@ -196,11 +196,11 @@ TEST_F(PolicyTest, AlgorithmSwitchesComeFromTheCryptoService) {
     const Row rows[] = {{EVP_PKEY_RSA, 83}, {EVP_PKEY_DSA, 84}, {EVP_PKEY_EC, 85}, {1087, 93}};
     for (const Row &r : rows) EXPECT_EQ(PKEY_PUBKEY_IsEvpAglEnable(r.evp_type), 1);
     for (const Row &r : rows) {
-        HOST_SetAlgoEnabled(r.code, 0);
+        PCTL_SetAlgoEnabled(r.code, 0);
         for (const Row &other : rows)
             EXPECT_EQ(PKEY_PUBKEY_IsEvpAglEnable(other.evp_type), other.code == r.code ? 0 : 1)
                 << "code " << r.code << " disabled, asking " << other.evp_type;
-        HOST_SetAlgoEnabled(r.code, -1);
+        PCTL_SetAlgoEnabled(r.code, -1);
     }
 }
 

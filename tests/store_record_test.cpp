@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "host_platform.h"
 #include "pkey_local.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
+#include "platform_control.h"
 #include "test_store.hpp"
 
 namespace {
@@ -150,8 +150,8 @@ TEST_F(StoreRecordTest, Rsa1024WithFullSizeComponentsHasTheExactLayout) {
     const struct { int fips, md5, protection; size_t len; const EVP_MD *md; } cases[] = {
         {0, 0, 3, 732, EVP_sha256()}, {1, -1, 4, 732, EVP_sha256()}, {1, 1, 4, 716, EVP_md5()}};
     for (const auto &c : cases) {
-        HOST_SetFipsMode(c.fips);
-        HOST_SetAlgoEnabled(kMd5, c.md5);
+        PCTL_SetFipsMode(c.fips);
+        PCTL_SetAlgoEnabled(kMd5, c.md5);
         const Bytes again = build(key);
         ASSERT_EQ(again.size(), c.len) << c.fips << c.md5;
         EXPECT_EQ(again[82], c.protection);
@@ -161,7 +161,7 @@ TEST_F(StoreRecordTest, Rsa1024WithFullSizeComponentsHasTheExactLayout) {
 
 TEST_F(StoreRecordTest, EveryKeyRoundTripsUnderEitherDigest) {
     for (int md5 : {1, 0}) {
-        HOST_SetAlgoEnabled(kMd5, md5);
+        PCTL_SetAlgoEnabled(kMd5, md5);
         for (const Sample &s : samples()) {
             SCOPED_TRACE(s.label + (md5 ? " MD5" : " SHA-256"));
             ASSERT_NE(s.key, nullptr);
@@ -175,8 +175,8 @@ TEST_F(StoreRecordTest, EveryKeyRoundTripsUnderEitherDigest) {
 
 TEST_F(StoreRecordTest, ReadingNeedsAnEnabledDigestAndARecordLongEnoughForIt) {
     const Bytes rec = build(rsa1024().key.get());
-    HOST_SetAlgoEnabled(kMd5, 0);
-    HOST_SetAlgoEnabled(kSha256, 0);
+    PCTL_SetAlgoEnabled(kMd5, 0);
+    PCTL_SetAlgoEnabled(kSha256, 0);
     EXPECT_TRUE(build(rsa1024().key.get()).empty());
     EXPECT_EQ(read_exact(PKEY_ALG_RSA, rec, rec.size()), nullptr);
 
@@ -189,10 +189,10 @@ TEST_F(StoreRecordTest, ReadingNeedsAnEnabledDigestAndARecordLongEnoughForIt) {
         BN_set_word(bn.get(), v);
         PKEY_PUBKEY_FillBN2StoreBuf(bn.get(), &cursor, &total);
     }
-    HOST_SetAlgoEnabled(kSha256, 1);
+    PCTL_SetAlgoEnabled(kSha256, 1);
     EXPECT_EQ(read_exact(PKEY_ALG_DSA, tiny, 115), nullptr);
     EXPECT_NE(read_exact(PKEY_ALG_DSA, tiny, 116), nullptr);
-    HOST_SetAlgoEnabled(kMd5, 1);
+    PCTL_SetAlgoEnabled(kMd5, 1);
     EXPECT_NE(read_exact(PKEY_ALG_DSA, tiny, 115), nullptr);
     EXPECT_EQ(read_exact(PKEY_ALG_DSA, tiny, 99), nullptr);
 }

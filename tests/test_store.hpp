@@ -1,9 +1,9 @@
-// test_store.hpp - a fresh, private store for each test.
+// test_store.hpp - stores for the library's tests (TempStore comes from
+// temp_store.hpp), and what the tests look at in them.
 //
-// TempStore makes an empty directory under $TMPDIR (or /tmp, or a directory
-// given), makes it the process's store with HOST_Open and turns FIPS mode off
-// explicitly, so the machine's kernel flag never changes a test's outcome. The
-// destructor removes the whole tree. Hold one as a member of a test fixture.
+// A few tests check what the host platform adds to the promises of
+// pkey_platform.h (its names of files, its store layout); PKEY_TEST_HOST_ONLY
+// skips them on other platforms, saying why.
 //
 // Sandbox puts a TempStore inside a private parent directory, so that a test
 // sees every change a call makes next to the store; expect_escaping_names_refused
@@ -27,64 +27,21 @@
 #include <system_error>
 #include <vector>
 
-#include "host_platform.h"
 #include "pkey_cfgmng.h"
 #include "pkey_fs.h"
 #include "pkey_local.h"
 #include "pkey_platform.h"
+#include "temp_store.hpp"
 #include "test_util.hpp"
 
+// Set by the build: 1 when the tests run on the host platform.
+#ifndef PKEY_TEST_ON_HOST
+#error "PKEY_TEST_ON_HOST must be defined (1 on the host platform, 0 elsewhere)"
+#endif
+#define PKEY_TEST_HOST_ONLY(why) \
+    if (!PKEY_TEST_ON_HOST) GTEST_SKIP() << "host platform only: " << why
+
 namespace pkey::test {
-
-// $TMPDIR, or /tmp when it is not set.
-inline std::string temp_base() {
-    const char *tmp = std::getenv("TMPDIR");
-    return (tmp != nullptr && *tmp != '\0') ? tmp : "/tmp";
-}
-
-// A new empty directory base/<prefix>XXXXXX, canonical; "" when it cannot be made.
-inline std::string make_temp_dir(const std::string &base, const char *prefix) {
-    std::string pattern = base + "/" + prefix + "XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        ADD_FAILURE() << "mkdtemp failed for " << pattern;
-        return "";
-    }
-    return std::filesystem::canonical(pattern).string();
-}
-
-class TempStore {
-public:
-    explicit TempStore(const std::string &base = temp_base())
-        : root_(make_temp_dir(base, "pkey-test-")) {
-        if (root_.empty()) return;
-        use();
-        HOST_SetFipsMode(0);
-    }
-    ~TempStore() {
-        if (root_.empty()) return;
-        std::error_code ec;
-        std::filesystem::remove_all(root_, ec);
-    }
-    TempStore(const TempStore &) = delete;
-    TempStore &operator=(const TempStore &) = delete;
-
-    // Absolute path of the store root, without a trailing "/".
-    const std::string &root() const { return root_; }
-    // Node N's flash work directory and memory root inside this store.
-    std::string work_dir(unsigned int node) const {
-        return root_ + "/node" + std::to_string(node) + "/flash";
-    }
-    std::string mem_dir(unsigned int node) const {
-        return root_ + "/node" + std::to_string(node) + "/run";
-    }
-    // Makes this store the process's store again (after another TempStore took over).
-    void use() const {
-        if (HOST_Open(root_.c_str()) != 0) ADD_FAILURE() << "HOST_Open failed for " << root_;
-    }
-
-private:
-    std::string root_;
-};
 
 // The peer key names of the current store, as the sorted name list gives them.
 inline std::vector<std::string> peer_names() {
