@@ -12,8 +12,9 @@ FUZZ_BUILD ?= $(BUILD)-fuzz
 ASAN_BUILD ?= $(BUILD)-asan
 BENCH_BUILD ?= $(BUILD)-bench
 COMPAT_BUILD ?= $(BUILD)-glibc238
+PLATFORM_BUILD ?= $(BUILD)-platform
 
-.PHONY: all deps configure build test test-unit test-asan test-compat fuzz fuzz-configure fuzz-smoke bench demo install clean
+.PHONY: all deps configure build test test-unit test-asan test-compat test-platform fuzz fuzz-configure fuzz-smoke bench demo install clean
 
 all: build
 
@@ -28,9 +29,9 @@ build: configure
 
 # Every test: the suite as built for use, the suite again under
 # AddressSanitizer and UndefinedBehaviorSanitizer (leaks are failures), a
-# short run of every fuzz target, and the whole tree compiled as on newer C
-# libraries.
-test: test-unit test-asan fuzz-smoke test-compat
+# short run of every fuzz target, the whole tree compiled as on newer C
+# libraries, and the suites run as on a device's own platform.
+test: test-unit test-asan fuzz-smoke test-compat test-platform
 
 test-unit: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
@@ -47,6 +48,20 @@ test-compat: deps
 	cmake -S . -B $(COMPAT_BUILD) -DCMAKE_BUILD_TYPE=Debug -DPKEY_BUILD_BENCH=OFF \
 	      -DCMAKE_C_FLAGS="$(COMPAT_FLAGS)" -DCMAKE_CXX_FLAGS="$(COMPAT_FLAGS)" $(CMAKE_FLAGS)
 	cmake --build $(COMPAT_BUILD) -j$(JOBS)
+
+# pkey built as a device team builds it: the platform is a library file made
+# elsewhere (here the host platform already built), the test control seam a
+# source of theirs; then the conformance suite and the library's suite.
+test-platform: build
+	mkdir -p $(PLATFORM_BUILD)
+	cp tests/platform_control_host.cpp $(PLATFORM_BUILD)/device_platform_control.cpp
+	cmake -S . -B $(PLATFORM_BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DPKEY_BUILD_BENCH=OFF \
+	      -DPKEY_PLATFORM=$(CURDIR)/$(BUILD)/platform/host/libpkey_host.so \
+	      -DPKEY_TEST_CONTROL=$(CURDIR)/$(PLATFORM_BUILD)/device_platform_control.cpp \
+	      -DCMAKE_CXX_FLAGS="-I$(CURDIR)/platform/host" $(CMAKE_FLAGS)
+	cmake --build $(PLATFORM_BUILD) -j$(JOBS)
+	$(PLATFORM_BUILD)/tests/platform_conformance --gtest_brief=1
+	cd $(PLATFORM_BUILD) && ctest --output-on-failure -j$(JOBS)
 
 fuzz-configure: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPKEY_FUZZ=ON -DPKEY_BUILD_TESTS=OFF $(CMAKE_FLAGS)
