@@ -20,7 +20,10 @@
 #include <vector>
 
 #include "host_platform.h"
+#include "pkey_local.h"
+#include "pkey_peer.h"
 #include "pkey_platform.h"
+#include "pkey_util.hpp"
 #include "test_store.hpp"
 #include "test_util.hpp"
 
@@ -868,6 +871,41 @@ TEST_F(HostSettingsFileTest, Version2IsReadAndWrittenAtTheDocumentedLittleEndian
     values.algo.clear();
     values.fips = 0;
     EXPECT_EQ(file_bytes(root + "/settings"), v2_file(values));
+}
+
+// Stores made by make-store.sh on machines of either byte order (x86-64 and
+// s390x, each under tests/vectors/stores) open and read alike on this one:
+// settings, device key, key files and the peer database.
+TEST_F(HostOpenTest, StoresMadeOnEitherByteOrderReadTheSameHere) {
+    int stores = 0;
+    for (const auto &machine : fs::directory_iterator(PKEY_STORE_VECTORS)) {
+        if (!fs::is_directory(machine.path() / "store")) continue;
+        ++stores;
+        const std::string name = machine.path().filename();
+        const std::string root = store.root() + "/" + name;
+        fs::copy(machine.path() / "store", root, fs::copy_options::recursive);
+        ASSERT_EQ(HOST_OpenExisting(root.c_str()), 0) << name << ": " << HOST_LastError();
+        EXPECT_EQ(CRYPTO_FIPSIsEnabled(), 1) << name;
+        EXPECT_EQ(DEV_GetSelf(), 1) << name;
+        EXPECT_EQ(standby_nodes(), Nodes{2}) << name;
+
+        std::ifstream expected(machine.path() / "expected");
+        std::string what, type, blob;
+        int keys = 0;
+        while (expected >> what >> type >> blob) {
+            ++keys;
+            std::string line = type + " " + blob;
+            pkey::EvpPkeyPtr want(PKEY_PEER_ReadOpenSSHPubKey(line.data()));
+            ASSERT_NE(want, nullptr) << name << " " << what;
+            pkey::EvpPkeyPtr got(what == "host-ecdsa"  ? PKEY_GetHostKey(EVP_PKEY_EC, "")
+                                 : what == "named-rsa" ? PKEY_GetHostKey(EVP_PKEY_RSA, "named")
+                                                       : PKEY_GetUserKeyByName("alice"));
+            ASSERT_NE(got, nullptr) << name << " " << what;
+            EXPECT_EQ(EVP_PKEY_eq(want.get(), got.get()), 1) << name << " " << what;
+        }
+        EXPECT_EQ(keys, 3) << name;
+    }
+    EXPECT_EQ(stores, 2);
 }
 
 TEST_F(HostSettingsTest, SettersSayWhenTheyCannotDoIt) {
