@@ -12,7 +12,11 @@ FUZZ_BUILD ?= $(BUILD)-fuzz
 ASAN_BUILD ?= $(BUILD)-asan
 BENCH_BUILD ?= $(BUILD)-bench
 
+CROSS_ARCHES ?= arm64 armhf s390x
+CROSS_ENV = BUILD=$(BUILD) JOBS=$(JOBS) BUILD_TYPE=$(BUILD_TYPE) CMAKE_FLAGS='$(CMAKE_FLAGS)'
+
 .PHONY: all deps configure build test test-unit test-asan fuzz fuzz-configure fuzz-smoke bench demo install clean
+.PHONY: test-cross $(CROSS_ARCHES:%=test-cross-%)
 
 all: build
 
@@ -37,6 +41,15 @@ test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DPKEY_SANITIZE=ON $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 ctest --output-on-failure -j$(JOBS)
+
+# The libraries and unit tests built for other architectures with Debian's
+# cross compilers, run under qemu-user, each in $(BUILD)-cross-<arch> with its
+# own sysroot of target packages (scripts/cross-deps.sh, scripts/cross-test.sh).
+test-cross:
+	$(CROSS_ENV) scripts/cross-test.sh $(CROSS_ARCHES)
+
+$(CROSS_ARCHES:%=test-cross-%): test-cross-%:
+	$(CROSS_ENV) scripts/cross-test.sh $*
 
 fuzz-configure: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPKEY_FUZZ=ON -DPKEY_BUILD_TESTS=OFF $(CMAKE_FLAGS)
