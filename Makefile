@@ -14,7 +14,11 @@ BENCH_BUILD ?= $(BUILD)-bench
 COMPAT_BUILD ?= $(BUILD)-glibc238
 PLATFORM_BUILD ?= $(BUILD)-platform
 
+CROSS_ARCHES ?= arm64 armhf s390x
+CROSS_ENV = BUILD=$(BUILD) JOBS=$(JOBS) BUILD_TYPE=$(BUILD_TYPE) CMAKE_FLAGS='$(CMAKE_FLAGS)'
+
 .PHONY: all deps configure build test test-unit test-asan test-compat test-platform fuzz fuzz-configure fuzz-smoke bench demo install clean
+.PHONY: test-cross $(CROSS_ARCHES:%=test-cross-%)
 
 all: build
 
@@ -62,6 +66,15 @@ test-platform: build
 	cmake --build $(PLATFORM_BUILD) -j$(JOBS)
 	$(PLATFORM_BUILD)/tests/platform_conformance --gtest_brief=1
 	cd $(PLATFORM_BUILD) && ctest --output-on-failure -j$(JOBS)
+
+# The libraries and unit tests built for other architectures with Debian's
+# cross compilers, run under qemu-user, each in $(BUILD)-cross-<arch> with its
+# own sysroot of target packages (scripts/cross-deps.sh, scripts/cross-test.sh).
+test-cross:
+	$(CROSS_ENV) scripts/cross-test.sh $(CROSS_ARCHES)
+
+$(CROSS_ARCHES:%=test-cross-%): test-cross-%:
+	$(CROSS_ENV) scripts/cross-test.sh $*
 
 fuzz-configure: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPKEY_FUZZ=ON -DPKEY_BUILD_TESTS=OFF $(CMAKE_FLAGS)

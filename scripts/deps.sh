@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing pkey need, when they
 # are missing. Run as root on a fresh machine; otherwise it names what to install.
+# With arguments, installs those packages instead of the usual set.
 set -euo pipefail
 
 packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang libclang-rt-14-dev valgrind
           libbenchmark-dev python3-cryptography libssh-dev)
+[ $# -gt 0 ] && packages=("$@")
 
 missing=()
 for p in "${packages[@]}"; do

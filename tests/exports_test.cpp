@@ -10,7 +10,8 @@ namespace {
 
 std::set<std::string> defined_dynamic_symbols(const char *library) {
     std::set<std::string> names;
-    const std::string command = std::string("nm -D --defined-only ") + library;
+    // The toolchain's nm: in a cross build, one that reads the target's ELF.
+    const std::string command = std::string("'" PKEY_NM "' -D --defined-only ") + library;
     FILE *pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return names;
     char line[1024];

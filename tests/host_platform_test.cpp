@@ -979,7 +979,7 @@ TEST_F(HostOpenTest, AProcessThatNeverOpensAStoreChecksTheDefaultOneTheSameWay) 
     put_file(bad + "/settings", damaged);
     put_file(old + "/settings", v1_file(with_fips(1), kLittleEndian));
     const auto probe = [](const std::string &root) {
-        return pkey::test::run("PKEY_ROOT=" + root + " " HOST_LAZY_PROBE);
+        return pkey::test::run("PKEY_ROOT=" + root + " " + pkey::test::target_shell_command(HOST_LAZY_PROBE));
     };
     EXPECT_EQ(probe(bad), "fips=1 alarm=1 workdir=fail error=" + bad +
                               "/settings: damaged (checksum mismatch); restore it from a backup, "

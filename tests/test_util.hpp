@@ -38,6 +38,29 @@ inline mode_t mode_of(const std::string &path) {
     return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
+// The command line that starts a program of this build: the program itself,
+// or, in a build for another machine, the emulator the tests run under
+// followed by the program (the kernel here cannot start it on its own).
+inline std::vector<std::string> target_command(std::vector<std::string> argv) {
+#ifdef PKEY_TEST_EMULATOR
+    const char *const emulator[] = {PKEY_TEST_EMULATOR};
+    argv.insert(argv.begin(), std::begin(emulator), std::end(emulator));
+#endif
+    return argv;
+}
+
+// target_command for a shell: each word single-quoted.
+inline std::string target_shell_command(const std::string &program) {
+    std::string line;
+    for (const std::string &word : target_command({program})) {
+        if (!line.empty()) line += ' ';
+        line += '\'';
+        for (const char c : word) line += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        line += '\'';
+    }
+    return line;
+}
+
 // Standard output of a shell command; "" when it fails.
 inline std::string run(const std::string &command) {
     std::string out;
@@ -92,11 +115,13 @@ struct ProgramResult {
     std::string err;
 };
 
-// Runs argv[0] with the arguments, standard input from stdin_path, and
-// collects both outputs; a program still running after timeout_s seconds is
-// killed, so that a hang fails the test instead of stopping the suite.
-inline ProgramResult run_program(const std::vector<std::string> &argv, const std::string &stdin_path = "/dev/null",
-                                 int timeout_s = 60) {
+// Runs argv[0], a program of this build (see target_command), with the
+// arguments, standard input from stdin_path, and collects both outputs; a
+// program still running after timeout_s seconds is killed, so that a hang
+// fails the test instead of stopping the suite.
+inline ProgramResult run_program(const std::vector<std::string> &program_argv,
+                                 const std::string &stdin_path = "/dev/null", int timeout_s = 60) {
+    const std::vector<std::string> argv = target_command(program_argv);
     ProgramResult r;
     int out_pipe[2], err_pipe[2];
     if (::pipe(out_pipe) != 0 || ::pipe(err_pipe) != 0) return r;
