@@ -11,20 +11,6 @@
 #define PKEY_PLATFORM_H
 
 #include <dirent.h>
-
-/* freedir takes struct dirent, whose layout on a 32-bit glibc system
- * depends on large-file and 64-bit time support: a program that uses them is
- * built as the library is ("pkg-config --cflags pkey" and the CMake package
- * pass both definitions). */
-#if defined(__GLIBC__) && __SIZEOF_LONG__ == 4
-#if !defined(_FILE_OFFSET_BITS) || _FILE_OFFSET_BITS != 64
-#error "pkey: build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64"
-#endif
-#if __GLIBC_PREREQ(2, 34) && (!defined(_TIME_BITS) || _TIME_BITS != 64)
-#error "pkey: build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64"
-#endif
-#endif
-
 #include <stddef.h>
 
 #ifdef __cplusplus
