@@ -360,35 +360,25 @@ Bytes decrypt(const Bytes &region, std::size_t cap) {
     return out;
 }
 
-TEST_F(HostCipherTest, RoundTripsIgnoringBytesBehindTheUsedRegionAndInPlace) {
-    for (std::size_t n : {1u, 16u, 1000u, 65535u}) {
+// What every platform's cipher promises is checked by the conformance suite;
+// these are the host's own: its region format, its 64 KiB limit, silence on a
+// damaged region, and one device key per store.
+TEST_F(HostCipherTest, RegionsAreVersionedLengthPrefixedAndBoundToTheirStore) {
+    for (std::size_t n : {1u, 65535u}) {
         const Bytes p = plain(n);
-        Bytes region = encrypt(p, 19);
+        const Bytes region = encrypt(p, 19);
         EXPECT_EQ(region[0], 1);
         EXPECT_EQ(region[1] * 256u + region[2], n);
         EXPECT_NE(Bytes(region.begin() + PKEY_CIPHER_OVERHEAD, region.end() - 19), p) << n;
-        for (std::size_t i = n + PKEY_CIPHER_OVERHEAD; i < region.size(); ++i) region[i] ^= 0x5A;
         EXPECT_EQ(decrypt(region, n), p) << n;
-        const auto len = static_cast<unsigned int>(region.size());
-        ASSERT_EQ(PKEY_Decrypt(len, region.data(), len, region.data()), n);
-        EXPECT_EQ(Bytes(region.begin(), region.begin() + static_cast<long>(n)), p);
     }
-}
-
-TEST_F(HostCipherTest, RefusesChangedTruncatedAndForeignRegionsAndShortBuffers) {
     const Bytes p = plain(32);
-    const Bytes region = encrypt(p, 19);
+    Bytes region = encrypt(p, 19);
     HOST_ClearError();
-    for (std::size_t i = 0; i < p.size() + PKEY_CIPHER_OVERHEAD; ++i) {
-        for (unsigned char flip : {0x01, 0x80}) {
-            Bytes bad = region;
-            bad[i] ^= flip;
-            EXPECT_TRUE(decrypt(bad, region.size()).empty()) << "byte " << i;
-        }
-    }
+    region[5] ^= 1;
+    EXPECT_TRUE(decrypt(region, region.size()).empty());
     EXPECT_STREQ(HOST_LastError(), "");  // a region that does not decipher is a verdict
-    EXPECT_TRUE(decrypt(region, p.size() - 1).empty());  // plaintext would not fit
-    EXPECT_TRUE(decrypt(Bytes(region.begin(), region.begin() + 50), 64).empty());  // truncated
+    region[5] ^= 1;
     {
         TempStore other;
         EXPECT_TRUE(decrypt(region, 64).empty());
@@ -462,63 +452,18 @@ Strings keys(int h, unsigned int capacity, unsigned int type = 1) {
     return out;
 }
 
-TEST_F(HostDbmTest, ListingIsInTableOrderFilteredByTypeAndStopsAtCapacity) {
+// Modes, listing and byte-exact records are conformance checks; these are
+// the host's own rules: database names stay inside the store, databases are
+// separate, and a partial write is refused rather than guessed at.
+TEST_F(HostDbmTest, DatabasesAreSeparateNamedSafelyAndWrittenWhole) {
     const int h = db_open(kRead | kWrite | kDelete);
-    for (const char *k : {"delta", "alpha", "charlie", "bravo"}) ASSERT_EQ(set(h, k, "v"), 0);
-    ASSERT_EQ(set(h, "alpha", "replaced value"), 0);  // keeps its place
-    ASSERT_EQ(set(h, "charlie", "v", 2), 0);
-    EXPECT_EQ(keys(h, 10), (Strings{"delta", "alpha", "bravo"}));
-    EXPECT_EQ(keys(h, 2), (Strings{"delta", "alpha"}));
-    EXPECT_EQ(keys(h, 10, 2), Strings{"charlie"});
-    EXPECT_TRUE(keys(h, 10, 3).empty());
-    EXPECT_EQ(DBM_GetKeyNumByValueType(h, 1), 3u);
-    EXPECT_EQ(DBM_GetKeyNumByValueType(db_open(kRead, "OTHER"), 1), 0u);  // databases are separate
-    EXPECT_EQ(DBM_DeleteKey(h, "alpha", 5), 0);
-    EXPECT_EQ(DBM_DeleteKey(h, "alpha", 5), DBM_ERR_NOT_FOUND);
-    EXPECT_EQ(keys(h, 10), (Strings{"delta", "bravo"}));
-}
-
-TEST_F(HostDbmTest, HandlesOnlyDoWhatTheirModeAllows) {
-    const int writer = db_open(kWrite), reader = db_open(kRead), deleter = db_open(kDelete);
-    ASSERT_EQ(set(writer, "k", "v"), 0);
-    EXPECT_LT(DBM_Len(writer, "k", 1), 1);
-    EXPECT_EQ(DBM_GetKeyNumByValueType(writer, 1), 0u);
-    EXPECT_TRUE(keys(writer, 4).empty());
-    EXPECT_EQ((std::vector<int>{del(writer, "k"), set(reader, "k", "w"), del(reader, "k"),
-                                set(deleter, "k", "w")}),
-              std::vector<int>(4, DBM_ERR_DENIED));
-    EXPECT_EQ(get(reader, "k"), "v");
-    EXPECT_EQ(del(deleter, "k"), 0);
-    ASSERT_EQ(DBM_Close(reader), 0);  // a closed handle does nothing at all
-    EXPECT_LT(DBM_Len(reader, "k", 1), 1);
-    int h = -1;
-    for (int mode : {0, 8}) EXPECT_EQ(DBM_Open("PKEY", "PKEY", mode, nullptr, &h), DBM_ERR_PARAM);
-    EXPECT_EQ(DBM_Open("../x", "PKEY", 1, nullptr, &h), DBM_ERR_PARAM);
-}
-
-TEST_F(HostDbmTest, KeepsValuesAndKeysByteExactAndReadsFromAnOffset) {
-    const int h = db_open(kRead | kWrite);
-    std::string value(4096, '\0');
-    std::iota(value.begin(), value.end(), '\0');  // every byte value, NUL included
-    for (std::size_t n : {0u, 1u, 31u, 4096u}) {
-        ASSERT_EQ(set(h, "len" + std::to_string(n), value.substr(0, n)), 0);
-        EXPECT_EQ(get(h, "len" + std::to_string(n)), value.substr(0, n)) << n;
-    }
-    // Reads from an offset give what is there; a write replaces the whole value.
-    char buf[8] = {};
-    EXPECT_EQ(DBM_GetBinary(h, "len4096", 7, 100, 3, buf), 3);
-    EXPECT_EQ(std::string(buf, 3), value.substr(100, 3));
-    EXPECT_EQ(DBM_GetBinary(h, "len4096", 7, 4090, 8, buf), 6);
-    EXPECT_EQ(std::string(buf, 6), value.substr(4090));
-    EXPECT_LT(DBM_GetBinary(h, "len4096", 7, 4096, 8, buf), 1);
-    EXPECT_LT(DBM_GetBinary(h, "none", 4, 0, 8, buf), 1);
-    EXPECT_EQ(DBM_SetBinary(h, "len31", 5, 3, 1, "x", 1), DBM_ERR_PARAM);
-    EXPECT_EQ(DBM_SetBinary(h, "len31", 5, 0, 1, "x", 1), 0);
-    EXPECT_EQ(get(h, "len31"), "x");
-    // Keys are bytes: an embedded NUL makes a different key, not a shorter one.
-    ASSERT_EQ(set(h, std::string("a\0b", 3), "with nul"), 0);
-    ASSERT_EQ(set(h, "a", "plain"), 0);
-    EXPECT_EQ(get(h, std::string("a\0b", 3)), "with nul");
+    ASSERT_EQ(set(h, "alpha", "v"), 0);
+    EXPECT_EQ(DBM_GetKeyNumByValueType(h, 1), 1u);
+    EXPECT_EQ(DBM_GetKeyNumByValueType(db_open(kRead, "OTHER"), 1), 0u);
+    int other = -1;
+    EXPECT_EQ(DBM_Open("../x", "PKEY", 1, nullptr, &other), DBM_ERR_PARAM);
+    EXPECT_EQ(DBM_SetBinary(h, "alpha", 5, 3, 1, "x", 1), DBM_ERR_PARAM);
+    EXPECT_EQ(get(h, "alpha"), "v");
 }
 
 TEST_F(HostDbmTest, ConcurrentWritersInSeveralProcessesLoseNothing) {

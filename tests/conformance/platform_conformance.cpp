@@ -65,29 +65,29 @@ protected:
 // ---------------------------------------------------------------------------
 // Helpers over the services
 
-std::string work_dir(unsigned int node, unsigned int size = 512) {
+// The directory a path service writes into a buffer of size bytes.
+template <typename Service>
+std::string directory(const std::string &call, unsigned int size, Service service) {
     std::string out(size, 'x');
-    const int r = FS_GetNodeDefaultWorkDir(node, size, out.data());
-    EXPECT_EQ(r, 0) << "FS_GetNodeDefaultWorkDir(" << node << ", " << size << ")";
+    const int r = service(out.data());
+    EXPECT_EQ(r, 0) << call << " with " << size << " bytes";
     return r == 0 ? out.c_str() : "<failed>";
+}
+std::string work_dir(unsigned int node, unsigned int size = 512) {
+    return directory("FS_GetNodeDefaultWorkDir(" + std::to_string(node) + ")", size,
+                     [&](char *out) { return FS_GetNodeDefaultWorkDir(node, size, out); });
 }
 std::string local_work_dir(unsigned int size = 512) {
-    std::string out(size, 'x');
-    const int r = FS_GetLocalDefaultWorkDir(size, out.data());
-    EXPECT_EQ(r, 0) << "FS_GetLocalDefaultWorkDir(" << size << ")";
-    return r == 0 ? out.c_str() : "<failed>";
+    return directory("FS_GetLocalDefaultWorkDir", size,
+                     [&](char *out) { return FS_GetLocalDefaultWorkDir(size, out); });
 }
 std::string slot_work_dir(unsigned int slot, unsigned int size = 512) {
-    std::string out(size, 'x');
-    const int r = FS_GetDefaultWorkDirBySlot(slot, size, out.data());
-    EXPECT_EQ(r, 0) << "FS_GetDefaultWorkDirBySlot(" << slot << ", " << size << ")";
-    return r == 0 ? out.c_str() : "<failed>";
+    return directory("FS_GetDefaultWorkDirBySlot(" + std::to_string(slot) + ")", size,
+                     [&](char *out) { return FS_GetDefaultWorkDirBySlot(slot, size, out); });
 }
 std::string mem_root(unsigned int node, unsigned int size = 512) {
-    std::string out(size, 'x');
-    const int r = FS_GetNodePathName("/var/run", node, size, out.data());
-    EXPECT_EQ(r, 0) << "FS_GetNodePathName(\"/var/run\", " << node << ", " << size << ")";
-    return r == 0 ? out.c_str() : "<failed>";
+    return directory("FS_GetNodePathName(/var/run, " + std::to_string(node) + ")", size,
+                     [&](char *out) { return FS_GetNodePathName("/var/run", node, size, out); });
 }
 
 // What FS_AnalyseFileName makes of a name, its outputs preset as the library presets them.
