@@ -162,8 +162,9 @@ int add_key_code(const std::string &name, const char *body) {
     const std::string what = "peer add " + name;
     if (const int r = check_key_code(what, hex); r != kOk) return r;
     std::vector<char> entry(PKEY_PEER_NAME_LEN + hex.size() + 1, '\0');
-    std::copy(name.begin(), name.end(), entry.begin());
-    std::copy(hex.begin(), hex.end(), entry.begin() + PKEY_PEER_NAME_LEN);
+    // The name is checked to fit its field; the bound says so to the compiler too.
+    std::memcpy(entry.data(), name.data(), std::min<std::size_t>(name.size(), PKEY_PEER_NAME_LEN - 1));
+    std::memcpy(entry.data() + PKEY_PEER_NAME_LEN, hex.data(), hex.size());
     std::fflush(stdout);
     HOST_ClearError();
     if (const unsigned int r = PKEY_PEER_EditKeyCodeFinish(entry.data()); r != 0) {
