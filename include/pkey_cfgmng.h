@@ -13,7 +13,9 @@
  * its key the name's characters (no terminator), value type 1, value the DER
  * SubjectPublicKeyInfo. Every single-key operation opens the database, does
  * its work and closes it. Only names of at most 64 characters are listed.
- * In FIPS mode every lookup first purges the keys the mode does not allow.
+ * In FIPS mode every lookup first purges the keys the mode does not allow;
+ * where the platform database counts its changes, a purge examines only the
+ * keys written since the last one.
  */
 #ifndef PKEY_CFGMNG_H
 #define PKEY_CFGMNG_H
@@ -68,7 +70,8 @@ PKEY_API unsigned int PKEY_CFGMNG_Delete(const char *name);
  * there is none. Runs the FIPS purge first. */
 PKEY_API unsigned char *PKEY_CFGMNG_GetPeerPubKeyValue(const char *name, unsigned int *len);
 /* In FIPS mode, deletes every stored key that decodes and is too weak for
- * the mode; outside FIPS mode does nothing. */
+ * the mode (those already examined by an earlier purge are known not to be,
+ * unless written again since); outside FIPS mode does nothing. */
 PKEY_API void PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey(void);
 /* The names of an open database in table order, in slots of
  * PKEY_CFGMNG_NAME_SLOT bytes (free with free()); NULL when there is none. */

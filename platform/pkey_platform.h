@@ -19,8 +19,12 @@ extern "C" {
 
 #if defined(__GNUC__)
 #define PLATFORM_API __attribute__((visibility("default")))
+/* A service a platform may leave out: libpkey refers to it weakly, so it
+ * links without it and, finding it absent, does the same work the long way. */
+#define PLATFORM_API_OPTIONAL __attribute__((visibility("default")))
 #else
 #define PLATFORM_API
+#define PLATFORM_API_OPTIONAL
 #endif
 
 /* ---------------------------------------------------------------------------
@@ -74,6 +78,27 @@ PLATFORM_API unsigned int DBM_GetKeysByValueType(int handle, unsigned int capaci
                                                  unsigned int valueType, DBM_ITERATOR *iterator,
                                                  DBM_KEY_ENTRY_S *entries);
 PLATFORM_API void DBM_FreeIterator(DBM_ITERATOR iterator);
+
+/* Optional: change tracking, both calls or neither. Each value type of a
+ * database has a change counter that goes up by exactly one whenever a record
+ * of that type is written (created or replaced) or deleted, by any process,
+ * and never goes down; it is kept with the records, so a database restored
+ * from a copy brings the counters of that copy. A written record carries the
+ * counter's new value as its stamp. Without these calls, libpkey's FIPS purge
+ * examines every peer key before each lookup instead of only what changed. */
+typedef unsigned long long DBM_STAMP;
+/* The counter of valueType's records (0 before any change): DBM_OK, or an
+ * error when this database does not track its changes. Needs read access. */
+PLATFORM_API_OPTIONAL int DBM_GetChangeStamp(int handle, unsigned int valueType, DBM_STAMP *stamp);
+/* Lists, in stamp order, at most capacity keys of valueType's records whose
+ * stamp is above since, as DBM_GetKeysByValueType does (the caller frees the
+ * iterator, filled or not); *last receives the stamp of the last key listed
+ * (since when none). Returns the number listed, or -1 when the database could
+ * not list them. Fewer than capacity means none are left. */
+PLATFORM_API_OPTIONAL int DBM_GetKeysChangedSince(int handle, DBM_STAMP since,
+                                                  unsigned int capacity, unsigned int valueType,
+                                                  DBM_ITERATOR *iterator, DBM_KEY_ENTRY_S *entries,
+                                                  DBM_STAMP *last);
 
 /* ---------------------------------------------------------------------------
  * Device service: node identity, slots, standby nodes and node status.

@@ -109,6 +109,7 @@ const std::set<std::string> kCoreExports = {
 const std::set<std::string> kHostExports = {
     "DBM_Open", "DBM_Close", "DBM_Len", "DBM_GetBinary", "DBM_SetBinary", "DBM_DeleteKey",
     "DBM_GetKeyNumByValueType", "DBM_GetKeysByValueType", "DBM_FreeIterator",
+    "DBM_GetChangeStamp", "DBM_GetKeysChangedSince",
     "DEV_GetSelf", "DEV_GetSelfSlot", "DEV_GetAllStandbyNodes", "DEV_GetDeviceStatusEx",
     "FS_GetNodeDefaultWorkDir", "FS_GetLocalDefaultWorkDir", "FS_GetDefaultWorkDirBySlot",
     "FS_GetNodePathName", "FS_AnalyseFileName", "FS_IsValidFullFileName",

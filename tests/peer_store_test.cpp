@@ -16,6 +16,7 @@
 #include "platform_control.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
+#include "test_util.hpp"
 
 namespace {
 
@@ -209,6 +210,46 @@ TEST_F(PeerTest, FipsModePurgesWeakKeysAtEveryLookup) {
     EXPECT_EQ(PKEY_IsPeerPubKeyExisted(""), 0u);
     PCTL_SetFipsMode(0);  // the weak keys are gone for good, the unlooked-for P-192 one too
     EXPECT_EQ(peer_names(), (std::vector<std::string>{"junk", "p256", "r2048"}));
+}
+
+// The purge before a lookup looks only at what changed since the last one,
+// but whichever process wrote a refused key, and however many keys changed,
+// a FIPS-mode lookup never returns one.
+TEST_F(PeerTest, FipsLookupsNeverReturnARefusedKeyWhicheverProcessSavedIt) {
+    using pkey::test::exit_code;
+    using pkey::test::spawn;
+    const auto found = [](const char *name) { return EvpPkeyPtr(PKEY_GetUserKeyByName(name)) != nullptr; };
+    PCTL_SetFipsMode(1);
+    ASSERT_EQ(PKEY_SavePeerPubKey(p256, "ok"), 0u);
+    ASSERT_TRUE(found("ok"));
+    ASSERT_TRUE(found("ok"));  // nothing changed in between
+
+    // Another process saves a refused key; this one must not see it.
+    EXPECT_EQ(exit_code(spawn([&] { return PKEY_SavePeerPubKey(rsa1024, "weak") == 0 ? 0 : 1; })), 0);
+    EXPECT_FALSE(found("weak"));
+    // This process saves one; a process that never purged before must not see it.
+    ASSERT_EQ(PKEY_SavePeerPubKey(p192, "weak2"), 0u);
+    EXPECT_EQ(exit_code(spawn([&] { return !found("weak2") && found("ok") ? 0 : 1; })), 0);
+    // A replaced key is judged again: an allowed key overwritten by a refused one goes.
+    ASSERT_EQ(PKEY_SavePeerPubKey(rsa1024, "ok"), 0u);
+    EXPECT_FALSE(found("ok"));
+
+    // Many changes at once, in another process: the refused half goes, the rest stays.
+    EXPECT_EQ(exit_code(spawn([&] {
+                  for (int i = 0; i < 600; ++i)
+                      if (PKEY_SavePeerPubKey(i % 2 ? rsa1024 : rsa2048, ("k" + std::to_string(i)).c_str()) != 0)
+                          return 1;
+                  return 0;
+              })),
+              0);
+    EXPECT_FALSE(found("k599"));
+    EXPECT_TRUE(found("k598"));
+    PCTL_SetFipsMode(0);
+    EXPECT_EQ(peer_names().size(), 300u);
+    // Saved while FIPS mode was off, refused once it is back on.
+    ASSERT_EQ(PKEY_SavePeerPubKey(rsa1024, "while-off"), 0u);
+    PCTL_SetFipsMode(1);
+    EXPECT_FALSE(found("while-off"));
 }
 
 }  // namespace

@@ -5,7 +5,14 @@
 //           type INTEGER NOT NULL, value BLOB NOT NULL)
 // so "table order" is id (rowid) order; replacing a value is an UPSERT that
 // keeps the row. An index on (type, id, key) answers counts and listings
-// without reading the values. The file is in WAL mode with a long busy
+// without reading the values.
+//
+// Changes are tracked per value type in the database itself: triggers keep
+//   changes(type INTEGER PRIMARY KEY, counter INTEGER NOT NULL)
+// one higher for every record of that type written or deleted, and give each
+// written record the new counter as its stamp (records.stamp, indexed with
+// the type). Being triggers, they count every writer of the file alike, and a
+// copy of the file carries its counters with it. The file is in WAL mode with a long busy
 // timeout, so several processes can read and write at once without spurious
 // busy errors.
 //
@@ -49,7 +56,7 @@ constexpr int kBusyTimeoutMs = 30000;
 constexpr std::size_t kMaxDbNameLen = 128;
 constexpr int kAllModes = DBM_MODE_READ | DBM_MODE_DELETE | DBM_MODE_WRITE;
 
-enum Stmt { kLen, kGet, kSet, kDelete, kCount, kList, kStmtCount };
+enum Stmt { kLen, kGet, kSet, kDelete, kCount, kList, kStamp, kChanged, kStmtCount };
 
 constexpr const char *kStmtSql[kStmtCount] = {
     "SELECT length(value) FROM records WHERE key = ?1",
@@ -59,6 +66,8 @@ constexpr const char *kStmtSql[kStmtCount] = {
     "DELETE FROM records WHERE key = ?1",
     "SELECT count(*) FROM records WHERE type = ?1",
     "SELECT key FROM records WHERE type = ?1 ORDER BY rowid LIMIT ?2",
+    "SELECT coalesce((SELECT counter FROM changes WHERE type = ?1), 0)",
+    "SELECT key, stamp FROM records WHERE type = ?1 AND stamp > ?2 ORDER BY stamp LIMIT ?3",
 };
 
 constexpr const char *kSchemaSql =
@@ -68,6 +77,32 @@ constexpr const char *kSchemaSql =
 // works without the index, only its listings read the whole table.
 constexpr const char *kIndexSql =
     "CREATE INDEX IF NOT EXISTS records_by_type ON records(type, id, key)";
+
+// The change counters, in one transaction. A record's stamp column is only
+// ever set by these triggers, so setting it fires none of them again.
+constexpr const char *kTrackingSql =
+    "CREATE TABLE IF NOT EXISTS changes(type INTEGER PRIMARY KEY, counter INTEGER NOT NULL);"
+    "CREATE INDEX IF NOT EXISTS records_by_stamp ON records(type, stamp);"
+    "CREATE TRIGGER IF NOT EXISTS records_inserted AFTER INSERT ON records BEGIN "
+    "INSERT INTO changes VALUES (NEW.type, 1) "
+    "ON CONFLICT(type) DO UPDATE SET counter = counter + 1; "
+    "UPDATE records SET stamp = (SELECT counter FROM changes WHERE type = NEW.type) "
+    "WHERE id = NEW.id; END;"
+    "CREATE TRIGGER IF NOT EXISTS records_updated AFTER UPDATE OF key, type, value ON records "
+    "BEGIN INSERT INTO changes VALUES (NEW.type, 1) "
+    "ON CONFLICT(type) DO UPDATE SET counter = counter + 1; "
+    "UPDATE records SET stamp = (SELECT counter FROM changes WHERE type = NEW.type) "
+    "WHERE id = NEW.id; END;"
+    "CREATE TRIGGER IF NOT EXISTS records_retyped AFTER UPDATE OF type ON records "
+    "WHEN OLD.type <> NEW.type BEGIN INSERT INTO changes VALUES (OLD.type, 1) "
+    "ON CONFLICT(type) DO UPDATE SET counter = counter + 1; END;"
+    "CREATE TRIGGER IF NOT EXISTS records_deleted AFTER DELETE ON records BEGIN "
+    "INSERT INTO changes VALUES (OLD.type, 1) "
+    "ON CONFLICT(type) DO UPDATE SET counter = counter + 1; END;";
+constexpr const char *kTrackingObjects =
+    "SELECT count(*) FROM sqlite_master WHERE name IN ('changes', 'records_by_stamp', "
+    "'records_inserted', 'records_updated', 'records_retyped', 'records_deleted')";
+constexpr int kTrackingObjectCount = 6;
 
 // SQLite wants a non-NULL pointer to bind an empty blob rather than NULL.
 const unsigned char kEmpty[1] = {0};
@@ -95,8 +130,13 @@ public:
             !exec("PRAGMA mmap_size=268435456") || !exec(kSchemaSql))
             return false;
         (void)exec(kIndexSql);
+        tracking = set_up_tracking();
         return true;
     }
+
+    // Whether this database counts its changes (a file that cannot be
+    // written to add the counters works without them).
+    bool tracking = false;
 
     // Handles of this process whose writes wait in the open transaction.
     int batch_users = 0;
@@ -135,6 +175,31 @@ public:
 
 private:
     std::string message() const { return db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory"; }
+
+    // Adds the stamp column and the counters to a database made without
+    // them, under the write lock so that processes opening it together do it
+    // once. Looked at first without the lock: a database that has them is
+    // not written to.
+    bool set_up_tracking() {
+        if (count_of(kTrackingObjects) == kTrackingObjectCount) return true;
+        if (!exec("BEGIN IMMEDIATE")) return false;
+        const bool has_stamp =
+            count_of("SELECT count(*) FROM pragma_table_info('records') WHERE name = 'stamp'") == 1;
+        if ((has_stamp || exec("ALTER TABLE records ADD COLUMN stamp INTEGER NOT NULL DEFAULT 0")) &&
+            exec(kTrackingSql) && exec("COMMIT"))
+            return true;
+        (void)sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return false;
+    }
+
+    // The single number a query gives; -1 when it gives none.
+    sqlite3_int64 count_of(const char *sql) {
+        sqlite3_stmt *s = nullptr;
+        if (sqlite3_prepare_v2(db_, sql, -1, &s, nullptr) != SQLITE_OK) return -1;
+        const sqlite3_int64 n = sqlite3_step(s) == SQLITE_ROW ? sqlite3_column_int64(s, 0) : -1;
+        sqlite3_finalize(s);
+        return n;
+    }
 
     bool exec(const char *sql) {
         // The busy handler covers most contention; a statement that still
@@ -307,6 +372,29 @@ struct KeyIterator {
     std::vector<char> bytes;
 };
 
+// Steps a listing (key in column 0, stamp in column 1 when last is given)
+// into at most capacity entries; false when SQLite failed part way.
+bool collect_keys(StmtUse &use, sqlite3_stmt *s, unsigned int capacity, KeyIterator &it,
+                  DBM_KEY_ENTRY_S *entries, unsigned int &filled, DBM_STAMP *last) {
+    // Offsets first: the buffer may move while it grows.
+    std::vector<std::size_t> offsets;
+    offsets.reserve(std::min<std::size_t>(capacity, 1U << 17));
+    it.bytes.reserve(offsets.capacity() * 16);
+    int rc = SQLITE_ROW;
+    while (filled < capacity && (rc = use.step()) == SQLITE_ROW) {
+        const auto *k = static_cast<const char *>(sqlite3_column_blob(s, 0));
+        const auto n = static_cast<unsigned int>(sqlite3_column_bytes(s, 0));
+        offsets.push_back(it.bytes.size());
+        if (n != 0) it.bytes.insert(it.bytes.end(), k, k + n);
+        entries[filled] = DBM_KEY_ENTRY_S{nullptr, n, 0, 0};
+        if (last != nullptr) *last = static_cast<DBM_STAMP>(sqlite3_column_int64(s, 1));
+        ++filled;
+    }
+    const char *base = it.bytes.data();
+    for (unsigned int i = 0; i < filled; ++i) entries[i].pcKey = base + offsets[i];
+    return rc == SQLITE_ROW || rc == SQLITE_DONE;
+}
+
 }  // namespace
 
 void dbm_drop() noexcept {
@@ -475,27 +563,63 @@ unsigned int DBM_GetKeysByValueType(int handle, unsigned int capacity, unsigned 
         sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(valueType));
         sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(capacity));
 
-        // Offsets first: the buffer may move while it grows.
-        std::vector<std::size_t> offsets;
-        offsets.reserve(std::min<std::size_t>(capacity, 1U << 17));
-        it->bytes.reserve(offsets.capacity() * 16);
         unsigned int filled = 0;
-        int rc = SQLITE_ROW;
-        while (filled < capacity && (rc = use.step()) == SQLITE_ROW) {
-            const auto *k = static_cast<const char *>(sqlite3_column_blob(s, 0));
-            const auto n = static_cast<unsigned int>(sqlite3_column_bytes(s, 0));
-            offsets.push_back(it->bytes.size());
-            if (n != 0) it->bytes.insert(it->bytes.end(), k, k + n);
-            entries[filled] = DBM_KEY_ENTRY_S{nullptr, n, 0, 0};
-            ++filled;
-        }
-        if (rc != SQLITE_ROW && rc != SQLITE_DONE) t.conn->fail("a listing");
-        const char *base = it->bytes.data();
-        for (unsigned int i = 0; i < filled; ++i) entries[i].pcKey = base + offsets[i];
+        if (!collect_keys(use, s, capacity, *it, entries, filled, nullptr)) t.conn->fail("a listing");
         return filled;
     });
 }
 
 void DBM_FreeIterator(DBM_ITERATOR iterator) { delete static_cast<KeyIterator *>(iterator); }
+
+int DBM_GetChangeStamp(int handle, unsigned int valueType, DBM_STAMP *stamp) {
+    return pkey::c_boundary(DBM_ERR_IO, [&] {
+        if (stamp == nullptr) return DBM_ERR_PARAM;
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t)) return DBM_ERR_PARAM;
+        if ((t.mode & DBM_MODE_READ) == 0) return DBM_ERR_DENIED;
+        if (!t.conn->tracking) return DBM_ERR_IO;
+        sqlite3_stmt *s = t.conn->stmt(kStamp);
+        if (s == nullptr) return DBM_ERR_IO;
+        StmtUse use(s);
+        sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(valueType));
+        if (!row(*t.conn, use.step(), "a change count")) return DBM_ERR_IO;
+        *stamp = static_cast<DBM_STAMP>(sqlite3_column_int64(s, 0));
+        return DBM_OK;
+    });
+}
+
+int DBM_GetKeysChangedSince(int handle, DBM_STAMP since, unsigned int capacity,
+                            unsigned int valueType, DBM_ITERATOR *iterator,
+                            DBM_KEY_ENTRY_S *entries, DBM_STAMP *last) {
+    return pkey::c_boundary(-1, [&] {
+        if (iterator == nullptr) return -1;
+        auto owned = std::make_unique<KeyIterator>();
+        KeyIterator *it = owned.get();
+        *iterator = owned.release();  // the caller frees it, filled or not
+        if (entries == nullptr || last == nullptr || capacity > static_cast<unsigned int>(INT32_MAX) ||
+            since > static_cast<DBM_STAMP>(INT64_MAX))
+            return -1;
+        *last = since;
+        if (capacity == 0) return 0;
+
+        std::lock_guard lock(g_dbm_mutex);
+        Target t;
+        if (!resolve(handle, t) || (t.mode & DBM_MODE_READ) == 0 || !t.conn->tracking) return -1;
+        sqlite3_stmt *s = t.conn->stmt(kChanged);
+        if (s == nullptr) return -1;
+        StmtUse use(s);
+        sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(valueType));
+        sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(since));
+        sqlite3_bind_int64(s, 3, static_cast<sqlite3_int64>(capacity));
+
+        unsigned int filled = 0;
+        if (!collect_keys(use, s, capacity, *it, entries, filled, last)) {
+            t.conn->fail("a listing of changes");
+            return -1;
+        }
+        return static_cast<int>(filled);
+    });
+}
 
 }  // extern "C"

@@ -489,6 +489,95 @@ TEST_F(ConfigDatabase, WritesOfOneProcessAreSeenByAnotherOnceItsHandleIsClosed) 
 }
 
 // ---------------------------------------------------------------------------
+// Change tracking (optional: a platform without it skips these)
+
+extern "C" int DBM_GetChangeStamp(int, unsigned int, DBM_STAMP *) __attribute__((weak));
+extern "C" int DBM_GetKeysChangedSince(int, DBM_STAMP, unsigned int, unsigned int, DBM_ITERATOR *,
+                                       DBM_KEY_ENTRY_S *, DBM_STAMP *) __attribute__((weak));
+
+class ChangeTracking : public PlatformTest {
+protected:
+    void SetUp() override {
+        if (DBM_GetChangeStamp == nullptr || DBM_GetKeysChangedSince == nullptr)
+            GTEST_SKIP() << "this platform does not track database changes";
+    }
+    static DBM_STAMP stamp(int h, unsigned int type = kPeerType) {
+        DBM_STAMP s = ~0ULL;
+        EXPECT_EQ(DBM_GetChangeStamp(h, type, &s), DBM_OK);
+        return s;
+    }
+    // The keys written after since, listed capacity at a time; *last as the final call left it.
+    static Strings changed(int h, DBM_STAMP since, unsigned int capacity, DBM_STAMP *last) {
+        Strings out;
+        for (;;) {
+            std::vector<DBM_KEY_ENTRY_S> entries(capacity);
+            DBM_ITERATOR it = nullptr;
+            const int n = DBM_GetKeysChangedSince(h, since, capacity, kPeerType, &it, entries.data(), last);
+            EXPECT_GE(n, 0);
+            for (int i = 0; i < std::min(n, static_cast<int>(capacity)); ++i)
+                out.emplace_back(entries[static_cast<std::size_t>(i)].pcKey, entries[static_cast<std::size_t>(i)].uiKeyLen);
+            DBM_FreeIterator(it);
+            if (n < static_cast<int>(capacity)) return out;
+            EXPECT_GT(*last, since);
+            since = *last;
+        }
+    }
+};
+
+TEST_F(ChangeTracking, EachWriteOrDeleteOfATypeCountsOnceForThatTypeAlone) {
+    const int h = db_open(DBM_MODE_READ | DBM_MODE_DELETE | DBM_MODE_WRITE);
+    const DBM_STAMP start = stamp(h), other = stamp(h, 2);
+    ASSERT_EQ(db_set(h, "a", "1"), DBM_OK);
+    ASSERT_EQ(db_set(h, "b", "1"), DBM_OK);
+    ASSERT_EQ(db_set(h, "a", "2"), DBM_OK);   // a replacement counts too
+    EXPECT_EQ(stamp(h), start + 3);
+    ASSERT_EQ(db_set(h, std::string("\0mark", 5), "x", -1, 2), DBM_OK);
+    EXPECT_EQ(stamp(h), start + 3);            // another type's write does not
+    EXPECT_EQ(stamp(h, 2), other + 1);
+    EXPECT_EQ(db_delete(h, "b"), DBM_OK);
+    EXPECT_EQ(db_delete(h, "b"), DBM_ERR_NOT_FOUND);  // nothing deleted, nothing counted
+    EXPECT_EQ(stamp(h), start + 4);
+    ASSERT_EQ(db_set(h, "a", "3", -1, 2), DBM_OK);     // moving a record counts for both types
+    EXPECT_EQ(stamp(h), start + 5);
+    EXPECT_EQ(stamp(h, 2), other + 2);
+    DBM_Close(h);
+}
+
+TEST_F(ChangeTracking, ChangedKeysComeInWriteOrderAPageAtATime) {
+    int h = db_open(DBM_MODE_READ | DBM_MODE_DELETE | DBM_MODE_WRITE);
+    for (const char *k : {"k1", "k2", "k3", "k4", "k5"}) ASSERT_EQ(db_set(h, k, "v"), DBM_OK);
+    const DBM_STAMP mid = stamp(h);
+    ASSERT_EQ(db_set(h, "k2", "again"), DBM_OK);  // moves to the end
+    ASSERT_EQ(db_set(h, "k6", "v"), DBM_OK);
+    ASSERT_EQ(db_delete(h, "k4"), DBM_OK);
+    ASSERT_EQ(db_set(h, "x", "v", -1, 2), DBM_OK);  // not of the type asked
+    DBM_STAMP last = 0;
+    EXPECT_EQ(changed(h, 0, 2, &last), (Strings{"k1", "k3", "k5", "k2", "k6"}));
+    EXPECT_EQ(changed(h, mid, 1, &last), (Strings{"k2", "k6"}));
+    EXPECT_EQ(last, mid + 2);
+    const DBM_STAMP now = stamp(h);
+    EXPECT_EQ(changed(h, now, 4, &last), Strings{});
+    EXPECT_EQ(last, now);
+    DBM_Close(h);
+
+    // The counts belong to the database: another process and a reopened store see them.
+    EXPECT_EQ(exit_code(spawn([] {
+                  int c = -1;
+                  if (DBM_Open(kDb, kDb, DBM_MODE_READ | DBM_MODE_WRITE, &kOptions, &c) != DBM_OK) return 1;
+                  const int r = db_set(c, "child", "c");
+                  DBM_Close(c);
+                  return r == DBM_OK ? 0 : 2;
+              })),
+              0);
+    { TempStore other; }
+    store.use();
+    h = db_open(DBM_MODE_READ);
+    EXPECT_EQ(stamp(h), now + 1);
+    EXPECT_EQ(changed(h, now, 4, &last), Strings{"child"});
+    DBM_Close(h);
+}
+
+// ---------------------------------------------------------------------------
 // Device service
 
 using DeviceService = PlatformTest;
