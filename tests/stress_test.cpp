@@ -19,6 +19,7 @@
 #include "pkey_local.h"
 #include "pkey_peer.h"
 #include "pkey_platform.h"
+#include "platform_control.h"
 #include "test_keys.hpp"
 #include "test_store.hpp"
 #include "test_util.hpp"
@@ -218,6 +219,50 @@ TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLa
     std::printf("[ counts ] %d processes: %ld checked calls, %ld unexpected results; shared names "
                 "read %ld found / %ld absent; %zu records at the end\n", kProcs, sum(c->calls),
                 sum(c->wrong), sum(c->found), sum(c->absent), listed.size());
+    munmap(c, sizeof *c);
+}
+
+// In FIPS mode, processes saving refused and allowed keys while they look
+// keys up: however the purges of the others interleave, no lookup ever
+// returns a refused key, and no allowed key is lost.
+TEST_F(StressTest, FipsLookupsAmongWritersNeverReturnARefusedKey) {
+    constexpr int kProcs = 4, kRounds = 100;
+    struct Counts { long lookups[kProcs], refused_seen[kProcs], allowed_lost[kProcs]; };
+    Counts *c = shared_block<Counts>();
+    ASSERT_NE(c, nullptr);
+    PCTL_SetFipsMode(1);
+    auto name = [](char kind, int p, int i) {
+        return std::string(1, kind) + std::to_string(p) + "-" + std::to_string(i);
+    };
+    std::vector<pid_t> kids;
+    for (int p = 0; p < kProcs; ++p)
+        kids.push_back(spawn([&, p] {
+            std::mt19937 rng(seed + p);
+            for (int i = 0; i < kRounds; ++i) {
+                if (PKEY_SavePeerPubKey(rsa[i % 3], name('r', p, i).c_str()) != 0 ||
+                    PKEY_SavePeerPubKey(ec[i % 3], name('a', p, i).c_str()) != 0)
+                    return 1;
+                // Its own newest keys, and a key any process may just have saved.
+                const int q = static_cast<int>(rng() % kProcs), j = static_cast<int>(rng() % (i + 1));
+                for (const std::string &n : {name('r', p, i), name('r', q, j)}) {
+                    ++c->lookups[p];
+                    c->refused_seen[p] += EvpPkeyPtr(PKEY_GetUserKeyByName(n.c_str())) != nullptr;
+                }
+                ++c->lookups[p];
+                c->allowed_lost[p] += EvpPkeyPtr(PKEY_GetUserKeyByName(name('a', p, i).c_str())) == nullptr;
+            }
+            return 0;
+        }));
+    for (pid_t pid : kids) EXPECT_EQ(exit_code(pid), 0);
+    EXPECT_EQ(sum(c->refused_seen), 0);
+    EXPECT_EQ(sum(c->allowed_lost), 0);
+    EXPECT_EQ(EvpPkeyPtr(PKEY_GetUserKeyByName("a0-0")) != nullptr, true);
+    const std::vector<std::string> left = pkey::test::peer_names();  // after one more purge
+    EXPECT_EQ(left.size(), static_cast<std::size_t>(kProcs * kRounds));
+    EXPECT_TRUE(std::all_of(left.begin(), left.end(), [](const std::string &n) { return n[0] == 'a'; }));
+    std::printf("[ counts ] %d processes: %ld FIPS-mode lookups, %ld refused keys returned, %ld allowed "
+                "keys lost; %zu records at the end\n", kProcs, sum(c->lookups), sum(c->refused_seen),
+                sum(c->allowed_lost), left.size());
     munmap(c, sizeof *c);
 }
 
