@@ -2,9 +2,11 @@
 // store (decode, policy, save in the peer key database).
 //
 // Properties: an entry that is accepted stored a DER of exactly the length its
-// hex spelt, holding the same key, one the policy allows; an entry that is
-// refused stored nothing (the name is removed after every acceptance, so any
-// record found after a refusal came from that refusal).
+// hex spelt, or, for an EC key spelling out its curve's parameters, the key
+// naming its curve; either way holding the same key, one the policy allows.
+// An entry that is refused stored nothing (the name is removed after every
+// acceptance, so any record found after a refusal came from that refusal).
+#include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
 
@@ -42,6 +44,20 @@ std::vector<unsigned char> hex_bytes(const char *hex, std::size_t len) {
     return out;
 }
 
+// True when stored is what OpenSSL writes for the EC key marked to name its
+// curve.
+bool is_named_curve_form(const EVP_PKEY *key, const unsigned char *stored, unsigned int len) {
+    if (key == nullptr || EVP_PKEY_get_id(key) != EVP_PKEY_EC) return false;
+    const pkey::EvpPkeyPtr copy(EVP_PKEY_dup(const_cast<EVP_PKEY *>(key)));
+    if (!copy || EVP_PKEY_set_utf8_string_param(copy.get(), OSSL_PKEY_PARAM_EC_ENCODING,
+                                                OSSL_PKEY_EC_ENCODING_GROUP) != 1)
+        return false;
+    unsigned char *der = nullptr;
+    const int n = i2d_PUBKEY(copy.get(), &der);
+    const pkey::OpensslPtr<> owner(der);
+    return n > 0 && static_cast<unsigned int>(n) == len && std::memcmp(der, stored, len) == 0;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
@@ -68,9 +84,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     } else {
         if (!stored) fuzz::fail(kTarget, "an accepted entry stored nothing");
         const std::vector<unsigned char> der = hex_bytes(text, len);
-        if (der.size() != stored_len) fuzz::fail(kTarget, "the stored DER differs in length");
         const unsigned char *p = der.data();
         const pkey::EvpPkeyPtr entered(d2i_PUBKEY(nullptr, &p, static_cast<long>(der.size())));
+        if (der.size() != stored_len &&
+            !is_named_curve_form(entered.get(), stored.get(), stored_len))
+            fuzz::fail(kTarget, "the stored DER differs in length and does not name the curve");
         const pkey::EvpPkeyPtr key(PKEY_GetUserKeyByName(kName));
         if (!entered || !key || EVP_PKEY_eq(entered.get(), key.get()) != 1)
             fuzz::fail(kTarget, "the stored key is not the entered one");

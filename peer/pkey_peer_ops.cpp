@@ -1,10 +1,11 @@
 // Peer key operations: finishing a hex key code entry, saving parsed keys
 // under the policy, lookup, the existence test and removal.
 #include <openssl/core_names.h>
-#include <openssl/x509.h>
+#include <openssl/err.h>
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "pkey_cfgmng.h"
 #include "pkey_peer.h"
@@ -27,18 +28,21 @@ unsigned int key_type(const EVP_PKEY *key) noexcept {
     return static_cast<unsigned int>(EVP_PKEY_get_id(key));
 }
 
-// DER SubjectPublicKeyInfo of a key, owned.
-struct Der {
-    pkey::OpensslPtr<> bytes;
-    int len = 0;
-    explicit Der(EVP_PKEY *key) noexcept {
-        if (key == nullptr) return;
-        unsigned char *out = nullptr;
-        len = i2d_PUBKEY(key, &out);
-        bytes.reset(out);
-    }
-    bool ok() const noexcept { return bytes && len > 0; }
-};
+unsigned int save_der(const pkey::der::DerBytes &der, const char *name) {
+    return PKEY_PEER_SavePeerPubKey(der.bytes.get(), static_cast<unsigned int>(der.len), name);
+}
+
+// Marks an EC key to name its curve when it is encoded, as the stored form
+// does. OpenSSL takes the mark only on a key held by a provider; a legacy
+// EC_KEY keeps its own flag, and the refusal is no failure and leaves nothing
+// on the caller's error queue. Only a key on a named curve may be marked: one
+// of spelled-out parameters that match none could no longer be encoded.
+void mark_curve_named(EVP_PKEY *key) noexcept {
+    ERR_set_mark();
+    (void)EVP_PKEY_set_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING,
+                                         OSSL_PKEY_EC_ENCODING_GROUP);
+    ERR_pop_to_mark();
+}
 
 }  // namespace
 
@@ -55,24 +59,24 @@ unsigned int PKEY_PEER_RemovePeerPubKeyByName(const char *name) {
     return PKEY_CFGMNG_Delete(name);
 }
 
+// Stored EC keys name their curve rather than spell out its parameters,
+// whatever encoding the key itself is marked for.
 unsigned int PKEY_SavePeerPubKey(EVP_PKEY *key, const char *name) {
     if (key == nullptr || is_empty(name)) return PKEY_ERR_FAILED;
-    const Der der(key);
-    if (!der.ok()) return PKEY_ERR_FAILED;
-    return PKEY_PEER_SavePeerPubKey(der.bytes.get(), static_cast<unsigned int>(der.len), name);
+    const pkey::der::DerBytes der = pkey::der::encode_public_key(key);
+    if (!der) return PKEY_ERR_FAILED;
+    return save_der(der, name);
 }
 
 unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name) {
     if (key == nullptr || is_empty(name)) return PKEY_ERR_FAILED;
     if (PKEY_PUBKEY_IsEvpAglEnable(key_type(key)) != 1) return PKEY_ERR_FAILED;
-    // Stored EC keys name their curve rather than list its parameters. A key
-    // without a named curve cannot take this and fails the size check below.
-    if (EVP_PKEY_get_id(key) == EVP_PKEY_EC)
-        (void)EVP_PKEY_set_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING,
-                                             OSSL_PKEY_EC_ENCODING_GROUP);
+    // An EC key passes only on a named curve, spelled out or not.
     if (PKEY_PUBKEY_IsKeyLenValid(key) != 1) return PKEY_ERR_FAILED;
     // A key no real key pair has (RSA e = 1, say) would let anyone pass as its owner.
     if (PKEY_PUBKEY_IsPublicKeyPossible(key) != 1) return PKEY_ERR_FAILED;
+    // The caller's key is left marked to name its curve, as it is stored.
+    if (EVP_PKEY_get_id(key) == EVP_PKEY_EC) mark_curve_named(key);
     return PKEY_SavePeerPubKey(key, name);
 }
 
@@ -101,23 +105,28 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
             print_message(PKEY_MSG_KEY_SIZE_REFUSED);
             return PKEY_ERR_FAILED;
         }
-        // The re-encoding is what gets stored; a different length means the
-        // key code carried bytes that are not part of the key. A canonical
-        // key code is its own re-encoding.
-        const Der der(decoded.canonical ? nullptr : key.get());
-        if (!decoded.canonical && (!der.ok() || static_cast<unsigned int>(der.len) != count)) {
-            print_message(PKEY_MSG_INVALID_KEY_CODE);
-            return PKEY_ERR_FAILED;
+        // The re-encoding is what gets stored; a length other than the key
+        // code's means the key code carried bytes that are not part of the
+        // key. An EC key is then stored with its curve named, as every stored
+        // key is. A canonical key code is its own re-encoding and names its
+        // curve already.
+        pkey::der::DerBytes der;
+        if (!decoded.canonical) {
+            der = pkey::der::public_key_der(key.get());
+            const bool whole_key = der && der.len == count;
+            if (whole_key) der = pkey::der::name_ec_curve(std::move(der));
+            if (!whole_key || !der) {
+                print_message(PKEY_MSG_INVALID_KEY_CODE);
+                return PKEY_ERR_FAILED;
+            }
         }
         char stored_name[PKEY_PEER_NAME_LEN];
         const size_t name_len = strnlen(name, PKEY_PEER_NAME_LEN - 1);
         std::memcpy(stored_name, name, name_len);
         stored_name[name_len] = '\0';
-        const unsigned int r =
-            decoded.canonical
-                ? PKEY_PEER_SavePeerPubKey(work, count, stored_name)
-                : PKEY_PEER_SavePeerPubKey(der.bytes.get(), static_cast<unsigned int>(der.len),
-                                           stored_name);
+        const unsigned int r = decoded.canonical
+                                   ? PKEY_PEER_SavePeerPubKey(work, count, stored_name)
+                                   : save_der(der, stored_name);
         if (r != 0) print_message(PKEY_MSG_SAVE_FAILED);
         return r;
     });

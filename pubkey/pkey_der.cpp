@@ -1,13 +1,18 @@
 // Fast decoding of the library's canonical DER key forms, with OpenSSL's
-// decoders behind them for everything else.
+// decoders behind them for everything else; the encoding of peer keys with
+// their EC curve named.
 #include "pubkey/pkey_der.hpp"
 
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/err.h>
+#include <openssl/objects.h>
 #include <openssl/param_build.h>
 #include <openssl/x509.h>
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -286,6 +291,112 @@ EvpPkeyPtr decode_ec_private_key(Bytes der) noexcept {
     if (der.size() > static_cast<std::size_t>(LONG_MAX)) return nullptr;
     const unsigned char *p = der.data();
     return EvpPkeyPtr(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &p, static_cast<long>(der.size())));
+}
+
+namespace {
+
+using X509PubkeyPtr = std::unique_ptr<X509_PUBKEY, FnDeleter<X509_PUBKEY_free>>;
+
+// An EC SubjectPublicKeyInfo taken apart: the AlgorithmIdentifier's parameters
+// as encoded (tag and length included), which either name the curve (an OID)
+// or spell it out (a SEQUENCE), and the point as it stands in the BIT STRING.
+struct EcSpki {
+    Bytes params;
+    bool named = false;
+    Bytes point;
+};
+
+bool read_ec_spki(Bytes der, EcSpki &out) noexcept {
+    DerReader outer(der);
+    Bytes spki, algorithm, contents;
+    if (!outer.read(kSequence, spki) || !outer.empty()) return false;
+    DerReader body(spki);
+    if (!body.read(kSequence, algorithm) || !body.read_octet_aligned_bits(out.point) ||
+        !body.empty() || out.point.empty())
+        return false;
+    DerReader alg(algorithm);
+    if (!alg.read_expected(kOid, kEcOid)) return false;
+    const std::size_t start = alg.consumed_from(algorithm);
+    out.named = alg.read(kOid, contents);
+    if (!out.named && !alg.read(kSequence, contents)) return false;
+    if (!alg.empty()) return false;
+    out.params = algorithm.subspan(start);
+    return true;
+}
+
+// The named curve that encoded EC parameters describe, by NID; NID_undef when
+// they describe none. A group decoded from spelled-out parameters already
+// carries the name of the curve they match; the lookup in OpenSSL's curve
+// table is there for a group that comes back without it.
+int named_curve_of(Bytes params) noexcept {
+    if (params.size() > static_cast<std::size_t>(LONG_MAX)) return NID_undef;
+    // Parameters of no known curve are an answer, not an error.
+    ERR_set_mark();
+    const unsigned char *p = params.data();
+    const EcGroupPtr group(d2i_ECPKParameters(nullptr, &p, static_cast<long>(params.size())));
+    int nid = NID_undef;
+    if (group) {
+        nid = EC_GROUP_get_curve_name(group.get());
+        if (nid == NID_undef) nid = EC_GROUP_check_named_curve(group.get(), 0, nullptr);
+    }
+    ERR_pop_to_mark();
+    return nid > 0 ? nid : NID_undef;
+}
+
+// The SubjectPublicKeyInfo of a point on a named curve, built as i2d_PUBKEY
+// builds it for an EC key marked as named curve.
+DerBytes named_ec_spki(int curve_nid, Bytes point) noexcept {
+    X509PubkeyPtr spki(X509_PUBKEY_new());
+    ASN1_OBJECT *curve = OBJ_nid2obj(curve_nid);
+    if (!spki || curve == nullptr || point.size() > static_cast<std::size_t>(INT_MAX)) return {};
+    auto *encoded = static_cast<unsigned char *>(OPENSSL_memdup(point.data(), point.size()));
+    if (encoded == nullptr) return {};
+    if (X509_PUBKEY_set0_param(spki.get(), OBJ_nid2obj(NID_X9_62_id_ecPublicKey), V_ASN1_OBJECT,
+                               curve, encoded, static_cast<int>(point.size())) != 1) {
+        OPENSSL_free(encoded);
+        return {};
+    }
+    unsigned char *out = nullptr;
+    const int len = i2d_X509_PUBKEY(spki.get(), &out);
+    DerBytes der;
+    der.bytes.reset(out);
+    der.len = len > 0 && out != nullptr ? static_cast<std::size_t>(len) : 0;
+    return der;
+}
+
+}  // namespace
+
+DerBytes public_key_der(const EVP_PKEY *key) noexcept {
+    DerBytes der;
+    if (key == nullptr) return der;
+    unsigned char *out = nullptr;
+    const int len = i2d_PUBKEY(key, &out);
+    der.bytes.reset(out);
+    der.len = len > 0 && out != nullptr ? static_cast<std::size_t>(len) : 0;
+    return der;
+}
+
+DerBytes name_ec_curve(DerBytes spki) noexcept {
+    EcSpki parts;
+    // A key that names its curve, the common case, costs only this reading.
+    if (!spki || !read_ec_spki(spki.span(), parts) || parts.named) return spki;
+    const int nid = named_curve_of(parts.params);
+    if (nid == NID_undef) return spki;
+    return named_ec_spki(nid, parts.point);
+}
+
+DerBytes encode_public_key(const EVP_PKEY *key) noexcept {
+    return name_ec_curve(public_key_der(key));
+}
+
+int encoded_curve_nid(const EVP_PKEY *key) noexcept {
+    if (key == nullptr || EVP_PKEY_get_id(key) != EVP_PKEY_EC) return NID_undef;
+    ERR_set_mark();  // a key OpenSSL cannot encode has no curve to tell
+    const DerBytes der = public_key_der(key);
+    ERR_pop_to_mark();
+    EcSpki parts;
+    if (!der || !read_ec_spki(der.span(), parts)) return NID_undef;
+    return named_curve_of(parts.params);
 }
 
 }  // namespace pkey::der

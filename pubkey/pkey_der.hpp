@@ -1,4 +1,5 @@
-// pkey_der.hpp - fast decoding of the DER key forms the library stores (hidden).
+// pkey_der.hpp - the DER key forms the library stores: fast decoding, and the
+// encoding of peer public keys (hidden).
 //
 // OpenSSL 3's generic decoders cost 100-170 µs for one public key, most of it
 // in looking for the right decoder; building the same key from its numbers
@@ -8,6 +9,10 @@
 // reader and build the key from its numbers. Any input outside those forms,
 // however small the difference, goes to OpenSSL's own decoder, so every
 // input gives the result d2i_PUBKEY / d2i_PrivateKey would give.
+//
+// The same reader takes apart the encoding of an EC public key whose curve
+// parameters are spelled out, so that such a key can be stored, and judged,
+// by the named curve those parameters describe.
 #pragma once
 
 #include <openssl/evp.h>
@@ -36,5 +41,35 @@ EvpPkeyPtr decode_ec_private_key(std::span<const unsigned char> der) noexcept;
 // NID) holding the encoded point, which must lie on the curve; the key names
 // its curve when encoded. NULL when OpenSSL refuses the point.
 EvpPkeyPtr ec_public_key(int curve_nid, std::span<const unsigned char> point) noexcept;
+
+// DER bytes from OpenSSL's allocator, with their count.
+struct DerBytes {
+    OpensslPtr<> bytes;
+    std::size_t len = 0;
+    explicit operator bool() const noexcept { return bytes != nullptr && len > 0; }
+    std::span<const unsigned char> span() const noexcept { return {bytes.get(), len}; }
+};
+
+// A key's SubjectPublicKeyInfo exactly as i2d_PUBKEY writes it; empty when
+// OpenSSL cannot encode the key.
+DerBytes public_key_der(const EVP_PKEY *key) noexcept;
+
+// An EC SubjectPublicKeyInfo that spells out the parameters of a named curve,
+// rewritten to name that curve: byte for byte what i2d_PUBKEY writes for the
+// same key marked as named curve, the point keeping its form. Anything else
+// (other key types, a curve already named, parameters of no named curve)
+// comes back unchanged. Empty when spki is, or when the rewrite cannot be
+// allocated.
+DerBytes name_ec_curve(DerBytes spki) noexcept;
+
+// The form in which peer keys are stored: public_key_der with an EC key's
+// curve named whenever it has a name, whatever encoding the key is marked for.
+DerBytes encode_public_key(const EVP_PKEY *key) noexcept;
+
+// The named curve of an EC key as its encoding gives it, naming the curve or
+// listing its parameters; NID_undef for parameters of no named curve and for
+// keys that are not EC. Costs an encoding of the key: for a key that knows its
+// group's name, asking EVP_PKEY_get_group_name is far cheaper.
+int encoded_curve_nid(const EVP_PKEY *key) noexcept;
 
 }  // namespace pkey::der

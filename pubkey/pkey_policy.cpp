@@ -10,6 +10,7 @@
 #include "pkey_pubkey.h"
 #include "pkey_pubkey_internal.hpp"
 #include "pkey_util.hpp"
+#include "pubkey/pkey_der.hpp"
 
 namespace {
 
@@ -78,11 +79,15 @@ namespace pkey::pubkey {
 int ec_curve_nid(const EVP_PKEY *key) noexcept {
     char name[80];
     size_t len = 0;
-    if (EVP_PKEY_get_group_name(key, name, sizeof name, &len) != 1) return NID_undef;
-    int nid = OBJ_sn2nid(name);
-    if (nid == NID_undef) nid = EC_curve_nist2nid(name);
-    if (nid == NID_undef) nid = OBJ_ln2nid(name);
-    return nid;
+    if (EVP_PKEY_get_group_name(key, name, sizeof name, &len) == 1 && len > 0) {
+        int nid = OBJ_sn2nid(name);
+        if (nid == NID_undef) nid = EC_curve_nist2nid(name);
+        if (nid == NID_undef) nid = OBJ_ln2nid(name);
+        if (nid != NID_undef) return nid;
+    }
+    // A key whose curve parameters are spelled out may carry no name for
+    // them; the parameters themselves say which curve, if any, they are.
+    return pkey::der::encoded_curve_nid(key);
 }
 
 }  // namespace pkey::pubkey

@@ -1,7 +1,10 @@
 // Peer keys: the configuration store, key-code entry and the operations on
 // stored keys, in and out of FIPS mode.
+#define OPENSSL_SUPPRESS_DEPRECATED  // legacy EC_KEY keys, as some callers still make them
 #include <gtest/gtest.h>
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/err.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -47,6 +50,53 @@ bool stored_equals(const char *name, EVP_PKEY *key) {
     EvpPkeyPtr got(PKEY_GetUserKeyByName(name));
     return got && EVP_PKEY_eq(got.get(), key) == 1;
 }
+// The stored value as it is, no key made of it.
+std::vector<unsigned char> stored_der(const char *name) {
+    unsigned int len = 0;
+    pkey::MallocPtr<unsigned char> value(PKEY_CFGMNG_GetPeerPubKeyValue(name, &len));
+    return value ? std::vector<unsigned char>(value.get(), value.get() + len)
+                 : std::vector<unsigned char>{};
+}
+
+EvpPkeyPtr decoded(const std::vector<unsigned char> &der) {
+    const unsigned char *p = der.data();
+    return EvpPkeyPtr(d2i_PUBKEY(nullptr, &p, static_cast<long>(der.size())));
+}
+
+using EcKeyPtr = std::unique_ptr<EC_KEY, pkey::FnDeleter<EC_KEY_free>>;
+EvpPkeyPtr evp_of(EC_KEY *ec) {
+    EvpPkeyPtr key(EVP_PKEY_new());
+    EVP_PKEY_set1_EC_KEY(key.get(), ec);
+    return key;
+}
+// How a key comes to spell out its curve's parameters: a legacy EC_KEY so
+// flagged; the same on a copy of its group that has lost the curve's name;
+// a key OpenSSL decoded from such an encoding.
+enum class Explicit { legacy, nameless_group, decoded };
+
+// A fresh key on the curve whose encoding spells out the curve's parameters;
+// *named gets what i2d_PUBKEY writes for the same key naming its curve.
+EvpPkeyPtr explicit_key(int nid, point_conversion_form_t form, Explicit how,
+                        std::vector<unsigned char> *named) {
+    EcKeyPtr ec(EC_KEY_new_by_curve_name(nid));
+    if (!ec || EC_KEY_generate_key(ec.get()) != 1) return nullptr;
+    EC_KEY_set_conv_form(ec.get(), form);
+    *named = public_der(evp_of(ec.get()).get());
+    if (how == Explicit::nameless_group) {
+        pkey::EcGroupPtr group(EC_GROUP_dup(EC_KEY_get0_group(ec.get())));
+        EC_GROUP_set_curve_name(group.get(), NID_undef);
+        EcKeyPtr bare(EC_KEY_new());
+        EC_KEY_set_group(bare.get(), group.get());
+        EC_KEY_set_public_key(bare.get(), EC_KEY_get0_public_key(ec.get()));
+        EC_KEY_set_conv_form(bare.get(), form);
+        ec = std::move(bare);
+    }
+    EC_KEY_set_asn1_flag(ec.get(), OPENSSL_EC_EXPLICIT_CURVE);
+    EvpPkeyPtr key = evp_of(ec.get());
+    if (how != Explicit::decoded) return key;
+    const std::vector<unsigned char> der = public_der(key.get());
+    return decoded(der);
+}
 
 class PeerTest : public ::testing::Test {
 protected:
@@ -59,11 +109,7 @@ TEST_F(PeerTest, SavedKeysAreReplacedReadAndDeletedByName) {
     ASSERT_EQ(PKEY_SavePeerPubKey(rsa1024, "alice"), 0u);
     ASSERT_EQ(PKEY_SavePeerPubKey(p256, "alice"), 0u);  // the second value wins
     EXPECT_TRUE(stored_equals("alice", p256));
-    unsigned int len = 0;
-    unsigned char *value = PKEY_CFGMNG_GetPeerPubKeyValue("alice", &len);
-    ASSERT_NE(value, nullptr);
-    EXPECT_EQ(std::vector<unsigned char>(value, value + len), public_der(p256));
-    std::free(value);
+    EXPECT_EQ(stored_der("alice"), public_der(p256));
     EXPECT_EQ(PKEY_PEER_RemovePeerPubKeyByName("alice"), 0u);
     EXPECT_EQ(PKEY_GetUserKeyByName("alice"), nullptr);
     EXPECT_NE(PKEY_PEER_RemovePeerPubKeyByName("alice"), 0u);  // the store's "no such key"
@@ -168,6 +214,82 @@ TEST_F(PeerTest, ImpossibleKeysAreInvalidKeyCodesAndRefusedByThePolicyButSavedDi
     // Saving a key directly checks nothing, as before.
     EXPECT_EQ(PKEY_SavePeerPubKey(impossible[0].get(), "unchecked"), 0u);
     EXPECT_TRUE(stored_equals("unchecked", impossible[0].get()));
+}
+
+// However a caller's key is flagged, every way in stores it naming its curve,
+// exactly as OpenSSL encodes the key when it names the curve.
+TEST_F(PeerTest, EcKeysSpellingOutANamedCurveAreStoredNamingIt) {
+    struct Row {
+        const char *what;
+        int nid;
+        point_conversion_form_t form;
+        Explicit how;
+    };
+    const Row rows[] = {
+        {"legacy P-256", NID_X9_62_prime256v1, POINT_CONVERSION_UNCOMPRESSED, Explicit::legacy},
+        {"legacy P-384, compressed", NID_secp384r1, POINT_CONVERSION_COMPRESSED, Explicit::legacy},
+        {"nameless P-256 group", NID_X9_62_prime256v1, POINT_CONVERSION_UNCOMPRESSED,
+         Explicit::nameless_group},
+        {"decoded P-521", NID_secp521r1, POINT_CONVERSION_UNCOMPRESSED, Explicit::decoded},
+        {"decoded P-256, compressed", NID_X9_62_prime256v1, POINT_CONVERSION_COMPRESSED,
+         Explicit::decoded},
+    };
+    for (const Row &row : rows) {
+        std::vector<unsigned char> named;
+        const EvpPkeyPtr key = explicit_key(row.nid, row.form, row.how, &named);
+        ASSERT_TRUE(key) << row.what;
+        const std::vector<unsigned char> spelled_out = public_der(key.get());
+        ASSERT_GT(spelled_out.size(), named.size()) << row.what;
+        // The key code is entered as OpenSSL writes the key it decodes from
+        // it: a legacy key's compressed generator comes back uncompressed,
+        // and an entry whose re-encoding differs in length is refused.
+        const std::vector<unsigned char> key_code = public_der(decoded(spelled_out).get());
+        ERR_clear_error();
+
+        // Saved directly first: PKEY_EditKeyCode may mark the key itself.
+        EXPECT_EQ(PKEY_SavePeerPubKey(key.get(), "saved"), 0u) << row.what;
+        unsigned int r = 1;
+        EXPECT_EQ(finish(entry("entered", hex_of(key_code)), &r), "") << row.what;
+        EXPECT_EQ(r, 0u) << row.what;
+        EXPECT_EQ(PKEY_EditKeyCode(key.get(), "edited"), 0u) << row.what;
+        for (const char *name : {"saved", "entered", "edited"})
+            EXPECT_EQ(stored_der(name), named) << row.what << ", " << name;
+        EXPECT_EQ(ERR_peek_error(), 0u) << row.what;
+        // A provider's key takes the mark; a legacy EC_KEY keeps its own flag.
+        if (row.how == Explicit::decoded) {
+            EXPECT_EQ(public_der(key.get()), named) << row.what;
+        }
+    }
+
+    // Parameters of no named curve: P-256 with twice its generator.
+    EcKeyPtr ec(EC_KEY_new_by_curve_name(NID_X9_62_prime256v1));
+    ASSERT_EQ(EC_KEY_generate_key(ec.get()), 1);
+    pkey::EcGroupPtr group(EC_GROUP_dup(EC_KEY_get0_group(ec.get())));
+    EC_GROUP *g = group.get();
+    pkey::EcPointPtr twice_g(EC_POINT_new(g));
+    ASSERT_EQ(EC_POINT_dbl(g, twice_g.get(), EC_GROUP_get0_generator(g), nullptr), 1);
+    ASSERT_EQ(EC_GROUP_set_generator(g, twice_g.get(), EC_GROUP_get0_order(g),
+                                     EC_GROUP_get0_cofactor(g)),
+              1);
+    EC_GROUP_set_curve_name(g, NID_undef);
+    EC_GROUP_set_asn1_flag(g, OPENSSL_EC_EXPLICIT_CURVE);
+    ASSERT_EQ(EC_KEY_set_group(ec.get(), g), 1);
+    const std::vector<unsigned char> spelled_out = public_der(evp_of(ec.get()).get());
+    // As a provider's key: one would take a mark to name a curve it has not,
+    // and could then no longer be encoded.
+    const EvpPkeyPtr unnamed = decoded(spelled_out);
+    ASSERT_TRUE(unnamed);
+    ERR_clear_error();
+    EXPECT_EQ(PKEY_EditKeyCode(unnamed.get(), "unnamed"), PKEY_ERR_FAILED);
+    unsigned int r = 0;
+    EXPECT_EQ(finish(entry("unnamed", hex_of(spelled_out)), &r),
+              RC_LoadString(PKEY_MSG_KEY_SIZE_REFUSED));
+    EXPECT_EQ(r, PKEY_ERR_FAILED);
+    EXPECT_TRUE(stored_der("unnamed").empty());
+    EXPECT_EQ(PKEY_SavePeerPubKey(unnamed.get(), "unchecked"), 0u);  // stored as it comes
+    EXPECT_EQ(stored_der("unchecked"), spelled_out);
+    EXPECT_EQ(public_der(unnamed.get()), spelled_out);  // still encodable
+    EXPECT_EQ(ERR_peek_error(), 0u);
 }
 
 TEST_F(PeerTest, AStoreThatCannotBeOpenedRefusesSavesButNotDeletes) {
