@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "ec/pkey_ec_curve.hpp"
+#include "ec/pkey_ec_read.hpp"
 #include "pkey_ec.h"
 #include "pkey_util.hpp"
 #include "pubkey/pkey_der.hpp"
@@ -128,35 +129,6 @@ unsigned int _ec_buffer_get_ecpoint_ret(const unsigned char *p, unsigned int rem
     return decoded ? 0 : PKEY_ERR_FAILED;
 }
 
-// The full check of a public point: a prime-field group; not the point at
-// infinity; both coordinates longer than half the order's bit length and below
-// order - 1; order times the point is the point at infinity.
-bool point_is_valid(const EC_GROUP *group, const EC_POINT *point) noexcept {
-    if (EC_GROUP_get_field_type(group) != NID_X9_62_prime_field) return false;
-    if (EC_POINT_is_at_infinity(group, point) != 0) return false;
-
-    BnCtxPtr ctx(BN_CTX_new());
-    if (!ctx) return false;
-    const pkey::BnCtxFrame frame(ctx.get());
-    BIGNUM *x = BN_CTX_get(ctx.get());
-    BIGNUM *y = BN_CTX_get(ctx.get());
-    BIGNUM *tmp = BN_CTX_get(ctx.get());  // once a get fails, every later one does
-    const BIGNUM *order = EC_GROUP_get0_order(group);
-    if (tmp == nullptr || order == nullptr || BN_is_zero(order)) return false;
-    if (EC_POINT_get_affine_coordinates(group, point, x, y, ctx.get()) != 1) return false;
-
-    const int half = BN_num_bits(order) / 2;
-    if (BN_num_bits(x) <= half || BN_num_bits(y) <= half) return false;
-
-    EcPointPtr nq(EC_POINT_new(group));
-    if (!nq || EC_POINT_mul(group, nq.get(), nullptr, point, order, ctx.get()) != 1 ||
-        EC_POINT_is_at_infinity(group, nq.get()) != 1)
-        return false;
-
-    if (BN_sub(tmp, order, BN_value_one()) != 1) return false;
-    return BN_cmp(x, tmp) < 0 && BN_cmp(y, tmp) < 0;
-}
-
 // NID of a curve identifier by exact comparison; NID_undef for any other text.
 int curve_nid_of_id(const char *id) noexcept {
     for (const CurveId &c : kCurveIds) {
@@ -218,6 +190,41 @@ const EC_GROUP *curve_group(int nid) noexcept {
     }
 }
 
+bool public_point_valid(const EC_GROUP *group, const EC_POINT *point,
+                        PointValidation validation) noexcept {
+    if (group == nullptr || point == nullptr) return false;
+    if (EC_GROUP_get_field_type(group) != NID_X9_62_prime_field) return false;
+    if (EC_POINT_is_at_infinity(group, point) != 0) return false;
+
+    BnCtxPtr ctx(BN_CTX_new());
+    if (!ctx) return false;
+    const pkey::BnCtxFrame frame(ctx.get());
+    BIGNUM *x = BN_CTX_get(ctx.get());
+    BIGNUM *y = BN_CTX_get(ctx.get());
+    BIGNUM *tmp = BN_CTX_get(ctx.get());  // once a get fails, every later one does
+    const BIGNUM *order = EC_GROUP_get0_order(group);
+    if (tmp == nullptr || order == nullptr || BN_is_zero(order)) return false;
+    if (EC_POINT_get_affine_coordinates(group, point, x, y, ctx.get()) != 1) return false;
+
+    const int half = BN_num_bits(order) / 2;
+    if (BN_num_bits(x) <= half || BN_num_bits(y) <= half) return false;
+
+    // With cofactor 1 the points of the curve form a cyclic group of the
+    // prime order n, so every point but infinity has order n and n x point is
+    // infinity without computing it. Any other cofactor leaves points of other
+    // orders on the curve, and only the multiplication tells them apart.
+    const BIGNUM *cofactor = EC_GROUP_get0_cofactor(group);
+    if (validation == PointValidation::kFull || cofactor == nullptr || BN_is_one(cofactor) == 0) {
+        EcPointPtr nq(EC_POINT_new(group));
+        if (!nq || EC_POINT_mul(group, nq.get(), nullptr, point, order, ctx.get()) != 1 ||
+            EC_POINT_is_at_infinity(group, nq.get()) != 1)
+            return false;
+    }
+
+    if (BN_sub(tmp, order, BN_value_one()) != 1) return false;
+    return BN_cmp(x, tmp) < 0 && BN_cmp(y, tmp) < 0;
+}
+
 EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept {
     // Large enough for the encoded point of any curve OpenSSL knows.
     unsigned char octets[256];
@@ -233,41 +240,47 @@ EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx)
     return point;
 }
 
+EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
+                           PointValidation validation) noexcept {
+    if (buf == nullptr || len < kMinReadLen || len > kMaxReadLen) return nullptr;
+
+    ByteReader in(buf, len);
+    std::uint32_t idLen = 0;
+    std::span<const unsigned char> idBytes;
+    if (!_ec_GetBufToLen(in, idLen) || idLen > kCurveIdLen || !in.read_bytes(idLen, idBytes))
+        return nullptr;
+    char id[kCurveIdLen + 1] = {};
+    std::memcpy(id, idBytes.data(), idBytes.size());
+    if (std::strstr(id, "nistp") == nullptr) return nullptr;
+
+    // The curve comes from the identifier alone; the key type name in
+    // front of it is not consulted.
+    const int nid = curve_nid_of_id(id);
+    const EC_GROUP *group = curve_group(nid);
+    if (group == nullptr) return nullptr;
+    EcRes res;
+    res.pstPoint = EC_POINT_new(group);
+    if (res.pstPoint == nullptr) return nullptr;
+    if (_ec_buffer_get_ecpoint_ret(in.position(), static_cast<unsigned int>(in.remaining()),
+                                   group, res.pstPoint) != 0)
+        return nullptr;
+    if (!public_point_valid(group, res.pstPoint, validation)) return nullptr;
+
+    res.pstKey = public_key_of(nid, group, res.pstPoint).release();
+    if (res.pstKey == nullptr) return nullptr;
+    EvpPkeyPtr result(std::exchange(res.pstKey, nullptr));
+    _ec_FreeECRes(res);
+    return result;
+}
+
 }  // namespace pkey::ec
 
 extern "C" {
 
 EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len) {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
-        if (buf == nullptr || len < kMinReadLen || len > kMaxReadLen) return nullptr;
-
-        ByteReader in(buf, len);
-        std::uint32_t idLen = 0;
-        std::span<const unsigned char> idBytes;
-        if (!_ec_GetBufToLen(in, idLen) || idLen > kCurveIdLen || !in.read_bytes(idLen, idBytes))
-            return nullptr;
-        char id[kCurveIdLen + 1] = {};
-        std::memcpy(id, idBytes.data(), idBytes.size());
-        if (std::strstr(id, "nistp") == nullptr) return nullptr;
-
-        // The curve comes from the identifier alone; the key type name in
-        // front of it is not consulted.
-        const int nid = curve_nid_of_id(id);
-        const EC_GROUP *group = pkey::ec::curve_group(nid);
-        if (group == nullptr) return nullptr;
-        EcRes res;
-        res.pstPoint = EC_POINT_new(group);
-        if (res.pstPoint == nullptr) return nullptr;
-        if (_ec_buffer_get_ecpoint_ret(in.position(), static_cast<unsigned int>(in.remaining()),
-                                       group, res.pstPoint) != 0)
-            return nullptr;
-        if (!point_is_valid(group, res.pstPoint)) return nullptr;
-
-        res.pstKey = public_key_of(nid, group, res.pstPoint).release();
-        if (res.pstKey == nullptr) return nullptr;
-        EVP_PKEY *result = std::exchange(res.pstKey, nullptr);
-        _ec_FreeECRes(res);
-        return result;
+        return pkey::ec::read_public_key(buf, len, pkey::ec::PointValidation::kFast)
+            .release();
     });
 }
 
