@@ -8,25 +8,30 @@
 
 #include <openssl/ec.h>
 
+#include <span>
+
 #include "pkey_util.hpp"
 
 namespace pkey::ec {
 
 enum class PointValidation {
-    // Order x point made on every group.
+    // The affine coordinates computed from the point, order x point made on
+    // every group, and the key's point encoded anew.
     kFull,
-    // The same answers for less: order x point made only on a group whose
-    // cofactor is not 1.
+    // The same answers for less: coordinates and the key's point taken from
+    // the bytes the point was decoded from, and order x point made only on a
+    // group whose cofactor is not 1.
     kFast,
 };
 
 // The checks of a public point, in this order: a prime-field group; not the
 // point at infinity; both affine coordinates longer than half the order's bit
 // length; order x point is the point at infinity; both coordinates below
-// order - 1. That the point lies on the curve is the decoder's check, made
-// before.
+// order - 1. encoding is the uncompressed form the point was decoded from
+// (0x04, X, Y), which the decoder has already found on the curve.
 bool public_point_valid(const EC_GROUP *group, const EC_POINT *point,
-                        PointValidation validation) noexcept;
+                        std::span<const unsigned char> encoding, PointValidation validation,
+                        BN_CTX *ctx) noexcept;
 
 // What PKEY_ReadECDSAPubKey returns for the same bytes, validating as told.
 EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
