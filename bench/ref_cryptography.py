@@ -8,6 +8,8 @@ object: {"<form>/<label>": microseconds per key (median of REPEATS runs)}.
 Each run parses every key of the file once, in one process, as a user's
 program would: load_ssh_public_key for OpenSSH lines, the same after taking
 the Base64 out of an RFC 4716 block, and load_der_public_key for hex key code.
+"file/mixed" is load_ssh_public_key over every line of the file of RSA-2048
+and P-256 lines in turn.
 """
 import base64
 import json
@@ -61,6 +63,8 @@ def main():
         out[f"openssh/{label}"] = per_key_us(load_ssh_public_key, openssh, repeats)
         out[f"ssh2/{label}"] = per_key_us(lambda b: load_ssh_public_key(ssh2_to_openssh(b)), blocks * 16, repeats)
         out[f"hex/{label}"] = per_key_us(lambda h: load_der_public_key(bytes.fromhex(h)), hexes, repeats)
+    mixed = [l.encode() for l in (inputs / "mixed.openssh").read_text().splitlines() if l]
+    out["file/mixed"] = per_key_us(load_ssh_public_key, mixed, repeats)
     json.dump(out, sys.stdout)
 
 

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "ec/pkey_ec_curve.hpp"
+#include "ec/pkey_ec_read.hpp"
 #include "pkey_ec.h"
 #include "pkey_util.hpp"
 #include "pubkey/pkey_der.hpp"
@@ -98,10 +99,24 @@ bool _ec_PutLenToBuf(std::size_t len, ByteWriter &out) noexcept {
 }
 bool _ec_GetBufToLen(ByteReader &in, std::uint32_t &len) noexcept { return in.read_u32(len); }
 
+// The point field's bytes as the decoder took them: q bytes, of which those
+// beyond the buffer's end read as zero. Wiped once the read is over.
+struct PointOctets {
+    unsigned char bytes[kMaxPointLen] = {};
+    std::size_t len = 0;
+    PointOctets() = default;
+    PointOctets(const PointOctets &) = delete;
+    PointOctets &operator=(const PointOctets &) = delete;
+    ~PointOctets() { OPENSSL_cleanse(bytes, sizeof bytes); }
+    std::span<const unsigned char> span() const noexcept { return {bytes, len}; }
+};
+
 // Decodes the point field (length and point) at p, remain bytes from the end
-// of the key buffer, into point. 0 or PKEY_ERR_FAILED.
+// of the key buffer, into point, and keeps the bytes decoded in octets.
+// 0 or PKEY_ERR_FAILED.
 unsigned int _ec_buffer_get_ecpoint_ret(const unsigned char *p, unsigned int remain,
-                                        const EC_GROUP *group, EC_POINT *point) noexcept {
+                                        const EC_GROUP *group, EC_POINT *point, BN_CTX *ctx,
+                                        PointOctets &octets) noexcept {
     if (p == nullptr || group == nullptr || point == nullptr || remain < kMinPointField)
         return PKEY_ERR_FAILED;
     ByteReader in(p, remain);
@@ -117,44 +132,29 @@ unsigned int _ec_buffer_get_ecpoint_ret(const unsigned char *p, unsigned int rem
 
     // The decoder gets all q bytes; those beyond the buffer's end read as zero
     // and are never fetched from past it.
-    unsigned char octets[kMaxPointLen] = {};
     std::span<const unsigned char> present;
     if (!in.read_bytes(std::min<std::size_t>(q, in.remaining()), present)) return PKEY_ERR_FAILED;
-    std::memcpy(octets, present.data(), present.size());
-
-    BnCtxPtr ctx(BN_CTX_new());
-    const bool decoded = ctx && EC_POINT_oct2point(group, point, octets, q, ctx.get()) == 1;
-    OPENSSL_cleanse(octets, sizeof octets);
-    return decoded ? 0 : PKEY_ERR_FAILED;
+    std::memcpy(octets.bytes, present.data(), present.size());
+    octets.len = q;
+    // The decoder checks that both coordinates lie below the field's prime and
+    // that the point is on the curve.
+    return EC_POINT_oct2point(group, point, octets.bytes, q, ctx) == 1 ? 0 : PKEY_ERR_FAILED;
 }
 
-// The full check of a public point: a prime-field group; not the point at
-// infinity; both coordinates longer than half the order's bit length and below
-// order - 1; order times the point is the point at infinity.
-bool point_is_valid(const EC_GROUP *group, const EC_POINT *point) noexcept {
-    if (EC_GROUP_get_field_type(group) != NID_X9_62_prime_field) return false;
-    if (EC_POINT_is_at_infinity(group, point) != 0) return false;
-
-    BnCtxPtr ctx(BN_CTX_new());
-    if (!ctx) return false;
-    const pkey::BnCtxFrame frame(ctx.get());
-    BIGNUM *x = BN_CTX_get(ctx.get());
-    BIGNUM *y = BN_CTX_get(ctx.get());
-    BIGNUM *tmp = BN_CTX_get(ctx.get());  // once a get fails, every later one does
-    const BIGNUM *order = EC_GROUP_get0_order(group);
-    if (tmp == nullptr || order == nullptr || BN_is_zero(order)) return false;
-    if (EC_POINT_get_affine_coordinates(group, point, x, y, ctx.get()) != 1) return false;
-
-    const int half = BN_num_bits(order) / 2;
-    if (BN_num_bits(x) <= half || BN_num_bits(y) <= half) return false;
-
-    EcPointPtr nq(EC_POINT_new(group));
-    if (!nq || EC_POINT_mul(group, nq.get(), nullptr, point, order, ctx.get()) != 1 ||
-        EC_POINT_is_at_infinity(group, nq.get()) != 1)
-        return false;
-
-    if (BN_sub(tmp, order, BN_value_one()) != 1) return false;
-    return BN_cmp(x, tmp) < 0 && BN_cmp(y, tmp) < 0;
+// The affine coordinates of a point from its uncompressed encoding, 0x04
+// then X and Y at the field's width. Once the decoder has taken the bytes
+// (coordinates below the prime, point on the curve), they are the point's own
+// coordinates, and reading them costs nothing next to computing them from the
+// point, which takes a field inversion.
+bool affine_of_encoding(const EC_GROUP *group, std::span<const unsigned char> encoding, BIGNUM *x,
+                        BIGNUM *y) noexcept {
+    const int degree = EC_GROUP_get_degree(group);
+    if (degree <= 0) return false;
+    const std::size_t width = (static_cast<std::size_t>(degree) + 7) / 8;
+    if (encoding.size() != 1 + 2 * width || encoding[0] != kUncompressed) return false;
+    const int w = static_cast<int>(width);
+    return BN_bin2bn(encoding.data() + 1, w, x) != nullptr &&
+           BN_bin2bn(encoding.data() + 1 + width, w, y) != nullptr;
 }
 
 // NID of a curve identifier by exact comparison; NID_undef for any other text.
@@ -180,7 +180,8 @@ const char *key_type_name_of_nid(int nid) noexcept {
     return nullptr;
 }
 
-// A public EC key of the curve, holding point, encoded with the curve's name.
+// A public EC key of the curve holding point, encoded anew from the point (the
+// full reader's way); the key names its curve when encoded.
 EvpPkeyPtr public_key_of(int nid, const EC_GROUP *group, const EC_POINT *point) noexcept {
     unsigned char octets[kMaxPointLen];
     const std::size_t len =
@@ -218,6 +219,44 @@ const EC_GROUP *curve_group(int nid) noexcept {
     }
 }
 
+bool public_point_valid(const EC_GROUP *group, const EC_POINT *point,
+                        std::span<const unsigned char> encoding, PointValidation validation,
+                        BN_CTX *ctx) noexcept {
+    if (group == nullptr || point == nullptr || ctx == nullptr) return false;
+    if (EC_GROUP_get_field_type(group) != NID_X9_62_prime_field) return false;
+    if (EC_POINT_is_at_infinity(group, point) != 0) return false;
+
+    const pkey::BnCtxFrame frame(ctx);
+    BIGNUM *x = BN_CTX_get(ctx);
+    BIGNUM *y = BN_CTX_get(ctx);
+    BIGNUM *tmp = BN_CTX_get(ctx);  // once a get fails, every later one does
+    const BIGNUM *order = EC_GROUP_get0_order(group);
+    if (tmp == nullptr || order == nullptr || BN_is_zero(order)) return false;
+    if (validation == PointValidation::kFull) {
+        if (EC_POINT_get_affine_coordinates(group, point, x, y, ctx) != 1) return false;
+    } else if (!affine_of_encoding(group, encoding, x, y)) {
+        return false;
+    }
+
+    const int half = BN_num_bits(order) / 2;
+    if (BN_num_bits(x) <= half || BN_num_bits(y) <= half) return false;
+
+    // With cofactor 1 the points of the curve form a cyclic group of the
+    // prime order n, so every point but infinity has order n and n x point is
+    // infinity without computing it. Any other cofactor leaves points of other
+    // orders on the curve, and only the multiplication tells them apart.
+    const BIGNUM *cofactor = EC_GROUP_get0_cofactor(group);
+    if (validation == PointValidation::kFull || cofactor == nullptr || BN_is_one(cofactor) == 0) {
+        EcPointPtr nq(EC_POINT_new(group));
+        if (!nq || EC_POINT_mul(group, nq.get(), nullptr, point, order, ctx) != 1 ||
+            EC_POINT_is_at_infinity(group, nq.get()) != 1)
+            return false;
+    }
+
+    if (BN_sub(tmp, order, BN_value_one()) != 1) return false;
+    return BN_cmp(x, tmp) < 0 && BN_cmp(y, tmp) < 0;
+}
+
 EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept {
     // Large enough for the encoded point of any curve OpenSSL knows.
     unsigned char octets[256];
@@ -233,41 +272,55 @@ EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx)
     return point;
 }
 
+EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
+                           PointValidation validation) noexcept {
+    if (buf == nullptr || len < kMinReadLen || len > kMaxReadLen) return nullptr;
+
+    ByteReader in(buf, len);
+    std::uint32_t idLen = 0;
+    std::span<const unsigned char> idBytes;
+    if (!_ec_GetBufToLen(in, idLen) || idLen > kCurveIdLen || !in.read_bytes(idLen, idBytes))
+        return nullptr;
+    char id[kCurveIdLen + 1] = {};
+    std::memcpy(id, idBytes.data(), idBytes.size());
+    if (std::strstr(id, "nistp") == nullptr) return nullptr;
+
+    // The curve comes from the identifier alone; the key type name in
+    // front of it is not consulted.
+    const int nid = curve_nid_of_id(id);
+    const EC_GROUP *group = curve_group(nid);
+    if (group == nullptr) return nullptr;
+    EcRes res;
+    res.pstPoint = EC_POINT_new(group);
+    BnCtxPtr ctx(BN_CTX_new());
+    if (res.pstPoint == nullptr || !ctx) return nullptr;
+    PointOctets octets;
+    if (_ec_buffer_get_ecpoint_ret(in.position(), static_cast<unsigned int>(in.remaining()),
+                                   group, res.pstPoint, ctx.get(), octets) != 0)
+        return nullptr;
+    if (!public_point_valid(group, res.pstPoint, octets.span(), validation, ctx.get()))
+        return nullptr;
+
+    // The decoder takes the uncompressed form at exactly the field's width and
+    // nothing else, so the bytes it took are the point's one encoding, which
+    // the key can be given as they are.
+    res.pstKey = (validation == PointValidation::kFull
+                      ? public_key_of(nid, group, res.pstPoint)
+                      : pkey::der::ec_public_key(nid, octets.span()))
+                     .release();
+    if (res.pstKey == nullptr) return nullptr;
+    EvpPkeyPtr result(std::exchange(res.pstKey, nullptr));
+    _ec_FreeECRes(res);
+    return result;
+}
+
 }  // namespace pkey::ec
 
 extern "C" {
 
 EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len) {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
-        if (buf == nullptr || len < kMinReadLen || len > kMaxReadLen) return nullptr;
-
-        ByteReader in(buf, len);
-        std::uint32_t idLen = 0;
-        std::span<const unsigned char> idBytes;
-        if (!_ec_GetBufToLen(in, idLen) || idLen > kCurveIdLen || !in.read_bytes(idLen, idBytes))
-            return nullptr;
-        char id[kCurveIdLen + 1] = {};
-        std::memcpy(id, idBytes.data(), idBytes.size());
-        if (std::strstr(id, "nistp") == nullptr) return nullptr;
-
-        // The curve comes from the identifier alone; the key type name in
-        // front of it is not consulted.
-        const int nid = curve_nid_of_id(id);
-        const EC_GROUP *group = pkey::ec::curve_group(nid);
-        if (group == nullptr) return nullptr;
-        EcRes res;
-        res.pstPoint = EC_POINT_new(group);
-        if (res.pstPoint == nullptr) return nullptr;
-        if (_ec_buffer_get_ecpoint_ret(in.position(), static_cast<unsigned int>(in.remaining()),
-                                       group, res.pstPoint) != 0)
-            return nullptr;
-        if (!point_is_valid(group, res.pstPoint)) return nullptr;
-
-        res.pstKey = public_key_of(nid, group, res.pstPoint).release();
-        if (res.pstKey == nullptr) return nullptr;
-        EVP_PKEY *result = std::exchange(res.pstKey, nullptr);
-        _ec_FreeECRes(res);
-        return result;
+        return pkey::ec::read_public_key(buf, len, pkey::ec::PointValidation::kFast).release();
     });
 }
 
