@@ -70,7 +70,8 @@ PKEY_API unsigned int PKEY_PEER_SavePeerPubKey(const unsigned char *der, unsigne
 /* Removes a key by name: the store's result (PKEY_ERR_FAILED for ""). */
 PKEY_API unsigned int PKEY_PEER_RemovePeerPubKeyByName(const char *name);
 /* The stored key of a name, or NULL. In FIPS mode the store is first purged
- * of keys the mode does not allow. */
+ * of keys the mode does not allow, and a key another process saved since is
+ * absent too: no listed name gives a refused key. */
 PKEY_API EVP_PKEY *PKEY_GetUserKeyByName(const char *name);
 /* 1 if the key exists and may be used now, else 0. In FIPS mode a stored key
  * that is too weak is removed by this test. */

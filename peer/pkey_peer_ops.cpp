@@ -137,7 +137,14 @@ EVP_PKEY *PKEY_GetUserKeyByName(const char *name) {
     unsigned int len = 0;
     pkey::MallocPtr<unsigned char> value(PKEY_CFGMNG_GetPeerPubKeyValue(name, &len));
     if (!value) return nullptr;
-    return pkey::der::decode_public_key({value.get(), len}).key.release();
+    EvpPkeyPtr key = pkey::der::decode_public_key({value.get(), len}).key;
+    // In FIPS mode the purge before the read has removed every refused key
+    // under a name it lists. One read all the same was saved by another
+    // process in between, and is absent as it will be after the next purge.
+    if (key && strnlen(name, PKEY_CFGMNG_NAME_SLOT) < PKEY_CFGMNG_NAME_SLOT &&
+        CRYPTO_FIPSIsEnabled() == 1 && PKEY_PUBKEY_IsKeyMatchFipsMode(key.get()) != 1)
+        return nullptr;
+    return key.release();
 }
 
 unsigned int PKEY_IsPeerPubKeyExisted(const char *name) {

@@ -372,6 +372,10 @@ TEST_F(PeerTest, FipsLookupsNeverReturnARefusedKeyWhicheverProcessSavedIt) {
     ASSERT_EQ(PKEY_SavePeerPubKey(rsa1024, "while-off"), 0u);
     PCTL_SetFipsMode(1);
     EXPECT_FALSE(found("while-off"));
+    // A name too long to be listed is never purged, and its key still reads.
+    const std::string long_name(65, 'w');
+    ASSERT_EQ(PKEY_SavePeerPubKey(rsa1024, long_name.c_str()), 0u);
+    EXPECT_TRUE(found(long_name.c_str()));
 }
 
 }  // namespace
