@@ -4,13 +4,16 @@
 // curve identifier and point read back as the same key, and those re-encoded
 // bytes are the input's own bytes: the reader accepts only the canonical
 // form, so nothing it accepted can differ from what the writer produces (the
-// bytes of a point cut short at the buffer's end read as zero).
+// bytes of a point cut short at the buffer's end read as zero). And the
+// reader's full validation, which multiplies every point by the group order,
+// accepts exactly what the exported reader accepts, as the same key.
 #include <openssl/err.h>
 
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
+#include "ec/pkey_ec_read.hpp"
 #include "fuzz_common.hpp"
 #include "pkey_ec.h"
 #include "pkey_pubkey.h"
@@ -40,6 +43,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (size > UINT32_MAX) return 0;
     const fuzz::Bytes input = fuzz::copy_bytes(data, size);
     const pkey::EvpPkeyPtr key(PKEY_ReadECDSAPubKey(input.data(), static_cast<unsigned int>(size)));
+    const pkey::EvpPkeyPtr full = pkey::ec::read_public_key(
+        input.data(), static_cast<unsigned int>(size), pkey::ec::PointValidation::kFull);
+    if (!key != !full) fuzz::fail(kTarget, "the full validation disagrees with the reader");
+    if (key && EVP_PKEY_eq(key.get(), full.get()) != 1)
+        fuzz::fail(kTarget, "the full validation gives another key");
     if (key) {
         unsigned int len = 0;
         const pkey::MallocPtr<char> text(PKEY_EC_EcToBase64(key.get(), &len));
