@@ -1,7 +1,6 @@
 // Local key files: a store record with its body enciphered, written to the
 // memory directory and the flash work directory, read back from memory,
 // deciphered and checked.
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include "pkey_local_internal.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
+#include "pkey_record.hpp"
 #include "pkey_util.hpp"
 
 namespace {
@@ -22,26 +22,9 @@ using pkey::SecureBuffer;
 
 constexpr unsigned int kHeaderLen = PKEY_STORE_HEADER_LEN;
 constexpr unsigned char kProtectRefused = 2;
-constexpr unsigned int kMd5Len = 16;
-constexpr unsigned int kSha256Len = 32;
 constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 
 bool is_plain(unsigned char protection) noexcept { return protection < kProtectRefused; }
-
-const EVP_MD *digest_for(unsigned char protection, unsigned int &len) noexcept {
-    // Fetched once per process; a provider without the digest leaves NULL.
-    static EVP_MD *const md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
-    static EVP_MD *const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    if (protection == PKEY_STORE_PROTECT_MD5 && CRYPTO_AlgoIsEnabled(CRYPTO_ALG_MD5) == 1) {
-        len = kMd5Len;
-        return md5;
-    }
-    if (protection == PKEY_STORE_PROTECT_SHA256 && CRYPTO_AlgoIsEnabled(CRYPTO_ALG_SHA256) == 1) {
-        len = kSha256Len;
-        return sha256;
-    }
-    return nullptr;
-}
 
 // Names of the memory and device copies of a key on this node.
 struct KeyFileNames {
@@ -92,15 +75,15 @@ int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
     if (pkey::is_escaping_key_name(name)) return kFailed;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     return pkey::c_boundary(kFailed, [&]() -> int {
-        if (record == nullptr || name == nullptr || len < kHeaderLen ||
-            len > UINT32_MAX - PKEY_CIPHER_OVERHEAD)
+        pkey::record::Header header;
+        if (record == nullptr || name == nullptr || len > UINT32_MAX - PKEY_CIPHER_OVERHEAD ||
+            !pkey::record::parse_header({record, len}, header) || header.length != len)
             return kFailed;
-        if (pkey::load_be32(record + PKEY_STORE_OFF_LENGTH) != len) return kFailed;
         SecureBuffer image(len + PKEY_CIPHER_OVERHEAD);
         if (!image) return kFailed;
 
         std::memcpy(image.data(), record, kHeaderLen);
-        const unsigned char protection = record[PKEY_STORE_OFF_PROTECTION];
+        const unsigned char protection = header.protection;
         unsigned int image_len = len;
         if (is_plain(protection)) {
             std::memcpy(image.data() + kHeaderLen, record + kHeaderLen, len - kHeaderLen);
@@ -126,9 +109,7 @@ int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *
     if (built == nullptr) return kFailed;
     SecureBuffer record = SecureBuffer::adopt(built, len);
     // Kind and name lie outside the digest, so they are stamped afterwards.
-    scnprintf(reinterpret_cast<char *>(record.data() + PKEY_STORE_OFF_NAME), PKEY_STORE_NAME_LEN,
-              "%s", name);
-    record.data()[PKEY_STORE_OFF_KIND] = static_cast<unsigned char>(keyKind);
+    pkey::record::stamp_kind_and_name(record.span(), static_cast<std::uint8_t>(keyKind), name);
     return PKEY_LOCAL_WriteKeyBufToDev(algId, keyKind, record.data(), len, name);
 }
 
@@ -144,8 +125,9 @@ int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key) {
 int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in, unsigned int cap,
                            unsigned char *out, unsigned int *outLen) {
     if (in == nullptr || out == nullptr || outLen == nullptr) return kFailed;
-    if (inLen < kHeaderLen || cap < kHeaderLen) return kFailed;
-    const unsigned char protection = in[PKEY_STORE_OFF_PROTECTION];
+    pkey::record::Header header;
+    if (cap < kHeaderLen || !pkey::record::parse_header({in, inLen}, header)) return kFailed;
+    const unsigned char protection = header.protection;
     if (CRYPTO_FIPSIsEnabled() == 1) {
         if (protection != PKEY_STORE_PROTECT_SHA256) return kFailed;
     } else if (is_plain(protection)) {
@@ -186,33 +168,8 @@ unsigned char *PKEY_LOCAL_ReadKeyToBuf(unsigned int algId, unsigned int keyKind,
 
 int PKEY_LOCAL_GetKeyStatusFromDataBuf(unsigned char *record, unsigned int len,
                                        unsigned char *protection) {
-    if (record == nullptr || len < kHeaderLen) return 0;
-    if (pkey::load_be32(record + PKEY_STORE_OFF_LENGTH) != len) return 0;
-    const unsigned char prot = record[PKEY_STORE_OFF_PROTECTION];
-    if (protection != nullptr) *protection = prot;
-    unsigned int digest_len = 0;
-    const EVP_MD *md = digest_for(prot, digest_len);
-    if (md == nullptr || len <= digest_len) return 0;
-
-    // The digest was made with kind and name zero; they are put back after.
-    unsigned char kind_and_name[1 + PKEY_STORE_NAME_LEN];
-    std::memcpy(kind_and_name, record + PKEY_STORE_OFF_KIND, sizeof kind_and_name);
-    std::memset(record + PKEY_STORE_OFF_KIND, 0, sizeof kind_and_name);
-    // Without a context nothing is digested and the record is compared with
-    // an all-zero digest.
-    unsigned char computed[EVP_MAX_MD_SIZE] = {};
-    bool digested = true;
-    pkey::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-    if (ctx) {
-        // A failed start leaves kind and name zeroed in the caller's buffer.
-        if (EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1) return 0;
-        digested = EVP_DigestUpdate(ctx.get(), record, len - digest_len) == 1 &&
-                   EVP_DigestFinal_ex(ctx.get(), computed, nullptr) == 1;
-    }
-    std::memcpy(record + PKEY_STORE_OFF_KIND, kind_and_name, sizeof kind_and_name);
-    if (!digested) return 0;
-    if (CRYPTO_memcmp(computed, record + len - digest_len, digest_len) != 0) return 0;
-    return pkey::load_be32(record + PKEY_STORE_OFF_MARKER) == PKEY_STORE_MARKER ? 1 : 0;
+    if (record == nullptr) return 0;
+    return pkey::record::check({record, len}, protection) ? 1 : 0;
 }
 
 PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId, unsigned int keyKind,
@@ -221,16 +178,16 @@ PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId, unsigned i
     unsigned char *plain = PKEY_LOCAL_ReadKeyToBuf(algId, keyKind, name, &len);
     if (plain == nullptr) return nullptr;
     SecureBuffer record = SecureBuffer::adopt(plain, len);
-    if (PKEY_LOCAL_GetKeyStatusFromDataBuf(record.data(), len, nullptr) != 1) return nullptr;
+    pkey::record::Header header;
+    if (PKEY_LOCAL_GetKeyStatusFromDataBuf(record.data(), len, nullptr) != 1 ||
+        !pkey::record::parse_header(record.span(), header))
+        return nullptr;
     auto *out = static_cast<PKEY_KEY_WITH_TIME_S *>(std::calloc(1, sizeof(PKEY_KEY_WITH_TIME_S)));
     if (out == nullptr) return nullptr;
-    const unsigned char *r = record.data();
-    scnprintf(out->szDate, sizeof out->szDate, "%04d/%02d/%02d",
-              pkey::load_be16(r + PKEY_STORE_OFF_YEAR), r[PKEY_STORE_OFF_MONTH],
-              r[PKEY_STORE_OFF_DAY]);
-    scnprintf(out->szTime, sizeof out->szTime, "%02d:%02d:%02d",
-              pkey::load_be16(r + PKEY_STORE_OFF_HOUR), r[PKEY_STORE_OFF_MINUTE],
-              r[PKEY_STORE_OFF_SECOND]);
+    scnprintf(out->szDate, sizeof out->szDate, "%04d/%02d/%02d", header.year, header.month,
+              header.day);
+    scnprintf(out->szTime, sizeof out->szTime, "%02d:%02d:%02d", header.hour, header.minute,
+              header.second);
     out->pstKey = PKEY_PUBKEY_ConvertStoreBufToKey(algId, record.data(), len);
     if (out->pstKey == nullptr) {
         std::free(out);

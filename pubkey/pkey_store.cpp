@@ -9,16 +9,16 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
-#include <sys/time.h>
 
 #include <array>
 #include <climits>
 #include <cstdint>
-#include <ctime>
 #include <span>
 
+#include "pkey_der_reader.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
+#include "pkey_record.hpp"
 #include "pkey_util.hpp"
 #include "pubkey/pkey_der.hpp"
 
@@ -27,12 +27,9 @@ namespace {
 using pkey::BignumPtr;
 using pkey::ByteReader;
 using pkey::ByteWriter;
-using pkey::EvpMdCtxPtr;
 using pkey::EvpPkeyPtr;
-using pkey::FnDeleter;
-using pkey::SecureBuffer;
-
 using pkey::ParamBldPtr;
+using pkey::SecureBuffer;
 
 using GetStoreLenFn = unsigned int (*)(EVP_PKEY *key);
 using ConvertToStoreBufFn = unsigned int (*)(EVP_PKEY *key, unsigned int *written,
@@ -58,10 +55,6 @@ constexpr std::size_t kMaxComponents = std::size(kRsaComponents);
 using ComponentNames = std::span<const char *const>;
 
 constexpr std::size_t kLengthPrefix = 4;
-constexpr std::size_t kKindAndNameLen = 1 + PKEY_STORE_NAME_LEN;
-constexpr unsigned int kMd5Len = 16;
-constexpr unsigned int kSha256Len = 32;
-constexpr unsigned char kDerSequence = 0x30;
 
 // The components of a key that it holds, in record order; a component the key
 // lacks stays null. Private values are wiped when this goes away.
@@ -155,81 +148,6 @@ EvpPkeyPtr key_from_components(const char *type, ComponentNames names, ByteReade
     return pkey::key_from_builder(type, EVP_PKEY_KEYPAIR, bld.get());
 }
 
-// Size of the DER SEQUENCE at the reader's position, its header included; 0
-// when the bytes do not start a SEQUENCE that fits in what remains. The record
-// carries padding and the digest behind the DER, which the decoder must not see.
-std::size_t der_sequence_length(ByteReader in) noexcept {
-    std::uint8_t tag = 0, first = 0;
-    if (!in.read_u8(tag) || tag != kDerSequence || !in.read_u8(first)) return 0;
-    std::size_t header = 2, content = first;
-    if (first & 0x80) {
-        const unsigned int octets = first & 0x7F;
-        if (octets == 0 || octets > 4) return 0;  // indefinite or absurdly long
-        content = 0;
-        for (unsigned int i = 0; i < octets; ++i) {
-            std::uint8_t b = 0;
-            if (!in.read_u8(b)) return 0;
-            content = (content << 8) | b;
-        }
-        header += octets;
-    }
-    return content <= in.remaining() ? header + content : 0;
-}
-
-struct Digest {
-    const EVP_MD *md = nullptr;
-    unsigned int size = 0;
-};
-
-// Fetched once per process: a fetch costs a provider look-up.
-const EVP_MD *md5_md() noexcept {
-    static const EVP_MD *const md = EVP_MD_fetch(nullptr, "MD5", nullptr);
-    return md;
-}
-const EVP_MD *sha256_md() noexcept {
-    static const EVP_MD *const md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    return md;
-}
-
-bool md5_enabled() noexcept { return CRYPTO_AlgoIsEnabled(CRYPTO_ALG_MD5) == 1; }
-bool sha256_enabled() noexcept { return CRYPTO_AlgoIsEnabled(CRYPTO_ALG_SHA256) == 1; }
-
-// MD5 whenever the crypto service allows it, else SHA-256, else none.
-Digest record_digest() noexcept {
-    if (md5_enabled()) return {md5_md(), kMd5Len};
-    if (sha256_enabled()) return {sha256_md(), kSha256Len};
-    return {};
-}
-
-bool digest_into(const Digest &digest, std::span<const unsigned char> data,
-                 unsigned char *out) noexcept {
-    EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-    unsigned int produced = 0;
-    return ctx && digest.md != nullptr && EVP_DigestInit_ex(ctx.get(), digest.md, nullptr) == 1 &&
-           EVP_DigestUpdate(ctx.get(), data.data(), data.size()) == 1 &&
-           EVP_DigestFinal_ex(ctx.get(), out, &produced) == 1 && produced == digest.size;
-}
-
-// Length, marker, the creation time (local), protection and version; the kind
-// and name stay zero for the key file writer to fill in.
-bool put_header(ByteWriter &out, std::uint32_t recordLen) noexcept {
-    timeval now{};
-    std::tm local{};
-    if (gettimeofday(&now, nullptr) != 0 || localtime_r(&now.tv_sec, &local) == nullptr)
-        return false;
-    const std::uint8_t protection =
-        CRYPTO_FIPSIsEnabled() == 1 ? PKEY_STORE_PROTECT_SHA256 : PKEY_STORE_PROTECT_MD5;
-    return out.put_u32(recordLen) && out.put_u32(PKEY_STORE_MARKER) &&
-           out.commit(kKindAndNameLen) &&
-           out.put_u16(static_cast<std::uint16_t>(local.tm_year + 1900)) &&
-           out.put_u8(static_cast<std::uint8_t>(local.tm_mon + 1)) &&
-           out.put_u8(static_cast<std::uint8_t>(local.tm_mday)) &&
-           out.put_u16(static_cast<std::uint16_t>(local.tm_hour)) &&
-           out.put_u8(static_cast<std::uint8_t>(local.tm_min)) &&
-           out.put_u8(static_cast<std::uint8_t>(local.tm_sec)) && out.put_u8(protection) &&
-           out.put_u8(PKEY_STORE_VERSION);
-}
-
 }  // namespace
 
 extern "C" {
@@ -320,7 +238,7 @@ unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *len
         const unsigned int id =
             PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(EVP_PKEY_get_id(key)));
         if (id >= PKEY_ALG_UNSUPPORTED) return nullptr;
-        const Digest digest = record_digest();
+        const pkey::record::Digest digest = pkey::record::build_digest();
         if (digest.md == nullptr) return nullptr;
 
         // Payload bound and digest together are rounded up to a multiple of 8.
@@ -331,17 +249,18 @@ unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *len
 
         SecureBuffer record(static_cast<std::size_t>(recordLen));
         if (!record) return nullptr;
-        ByteWriter header(record.data(), PKEY_STORE_HEADER_LEN);
-        if (!put_header(header, static_cast<std::uint32_t>(recordLen))) return nullptr;
+        pkey::record::Header header;
+        ByteWriter headerOut(record.data(), PKEY_STORE_HEADER_LEN);
+        if (!pkey::record::new_header(static_cast<std::uint32_t>(recordLen), header) ||
+            !pkey::record::write_header(header, headerOut))
+            return nullptr;
 
         unsigned int written = 0;
         if (g_apfPKEYConvertKeyToStoreBuf[id](key, &written,
                                               record.data() + PKEY_STORE_HEADER_LEN) != 0)
             return nullptr;
 
-        const std::size_t digestAt = record.size() - digest.size;
-        if (!digest_into(digest, record.span().first(digestAt), record.data() + digestAt))
-            return nullptr;
+        if (!pkey::record::seal(digest, record.span())) return nullptr;
         *lenOut = static_cast<unsigned int>(recordLen);
         return record.release();
     });
@@ -351,10 +270,9 @@ EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned ch
                                            unsigned int recordLen) {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (record == nullptr) return nullptr;
-        const bool md5 = md5_enabled();
-        if (!md5 && !sha256_enabled()) return nullptr;
-        // Shortest record: a header and the digest the reader would expect.
-        if (recordLen < PKEY_STORE_HEADER_LEN + (md5 ? kMd5Len : kSha256Len)) return nullptr;
+        // Shortest record: a header and the digest a record built now would carry.
+        const unsigned int digestLen = pkey::record::build_digest().size;
+        if (digestLen == 0 || recordLen < PKEY_STORE_HEADER_LEN + digestLen) return nullptr;
 
         // Padding and digest count as remaining bytes; a well-formed payload
         // ends before them. The digest is checked by the key file reader.
@@ -362,9 +280,15 @@ EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned ch
         in.skip(PKEY_STORE_HEADER_LEN);
         switch (algId) {
             case PKEY_ALG_ECDSA: {
-                const std::size_t derLen = der_sequence_length(in);
-                if (derLen == 0) return nullptr;
-                return pkey::der::decode_ec_private_key({in.position(), derLen}).release();
+                // Only the SEQUENCE goes to the decoder, not the padding and
+                // digest behind it; how its length is written is the
+                // decoder's to judge.
+                const pkey::der::Bytes rest(in.position(), in.remaining());
+                pkey::der::DerReader der(rest, pkey::der::LengthForm::kAnyDefinite);
+                pkey::der::Bytes body;
+                if (!der.read(pkey::der::kSequence, body)) return nullptr;
+                return pkey::der::decode_ec_private_key(rest.first(der.consumed_from(rest)))
+                    .release();
             }
             case PKEY_ALG_RSA: return key_from_components("RSA", kRsaComponents, in).release();
             case PKEY_ALG_DSA: return key_from_components("DSA", kDsaComponents, in).release();
