@@ -20,6 +20,7 @@
 
 #include "ec/pkey_ec_curve.hpp"
 #include "ec/pkey_ec_read.hpp"
+#include "pkey_base64.hpp"
 #include "pkey_ec.h"
 #include "pkey_util.hpp"
 #include "pubkey/pkey_der.hpp"
@@ -356,14 +357,9 @@ char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) {
                                                  dst, q, ctx.get()) != q)
             return nullptr;
 
-        // Standard alphabet, "=" padding, one line: exactly EVP_EncodeBlock's
-        // output, which needs 4 * ceil(total / 3) + 1 bytes, within this size.
-        const std::size_t textSize = total * 4 / 3 + 4;
-        MallocPtr<char> text(static_cast<char *>(std::malloc(textSize)));
-        if (!text) return nullptr;
-        const int chars = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.get()), blob.get(),
-                                          static_cast<int>(total));
-        if (chars <= 0) return nullptr;
+        std::size_t chars = 0;
+        MallocPtr<char> text = pkey::base64_line({blob.get(), total}, &chars);
+        if (!text || chars == 0) return nullptr;
         *outLen = static_cast<unsigned int>(chars) + 1;
         return text.release();
     });

@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "ec/pkey_ec_curve.hpp"
+#include "pkey_base64.hpp"
 #include "pkey_ec.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey_internal.hpp"
@@ -175,21 +176,6 @@ char *rsa_ssh1_text(const EVP_PKEY *key, unsigned int *outLen) noexcept {
     const int len = scnprintf(text.get(), size, "%s %s", e.get(), n.get());
     if (len <= 0) return nullptr;
     *outLen = static_cast<unsigned int>(len);
-    return text.release();
-}
-
-// One line of standard Base64 with "=" padding; *outLen gets the character
-// count plus one.
-char *base64_text(std::span<const unsigned char> blob, unsigned int *outLen) noexcept {
-    if (blob.size() > static_cast<std::size_t>(INT_MAX) / 2) return nullptr;
-    // EVP_EncodeBlock writes 4 * ceil(size / 3) characters and a NUL, within this.
-    const std::size_t textSize = blob.size() * 4 / 3 + 4;
-    MallocPtr<char> text(static_cast<char *>(std::malloc(textSize)));
-    if (!text) return nullptr;
-    const int chars = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.get()), blob.data(),
-                                      static_cast<int>(blob.size()));
-    if (chars < 0) return nullptr;
-    *outLen = static_cast<unsigned int>(chars) + 1;
     return text.release();
 }
 
@@ -431,7 +417,11 @@ char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2, unsigned int *outLen)
         if (!blob) return nullptr;
         unsigned int written = 0;
         if (g_apfPKEYFillKeyToBuf[id](key, blob.get(), &written) != 0) return nullptr;
-        return base64_text({blob.get(), written}, outLen);
+        std::size_t chars = 0;
+        MallocPtr<char> text = pkey::base64_line({blob.get(), written}, &chars);
+        if (!text) return nullptr;
+        *outLen = static_cast<unsigned int>(chars) + 1;  // the terminator counts here
+        return text.release();
     });
 }
 
