@@ -47,6 +47,18 @@ extern "C" {
 
 /* ---- Algorithm numbers and policy ---------------------------------------- */
 
+/* The policy's key sizes in bits. RSA and DSA: at least PKEY_RSA_DSA_MIN_BITS
+ * outside FIPS mode and PKEY_RSA_DSA_FIPS_MIN_BITS in it, never more than
+ * PKEY_RSA_DSA_MAX_BITS; the generator makes exactly the sizes from
+ * PKEY_RSA_DSA_MIN_BITS to PKEY_RSA_DSA_MAX_BITS. ECDSA: the curve order's
+ * size, at least PKEY_EC_MIN_BITS (P-192) outside FIPS mode and
+ * PKEY_EC_FIPS_MIN_BITS (P-256) in it. */
+#define PKEY_RSA_DSA_MIN_BITS 512U
+#define PKEY_RSA_DSA_FIPS_MIN_BITS 2048U
+#define PKEY_RSA_DSA_MAX_BITS 2048U
+#define PKEY_EC_MIN_BITS 192U
+#define PKEY_EC_FIPS_MIN_BITS 256U
+
 /* 6 gives PKEY_ALG_RSA, 116 PKEY_ALG_DSA, 408 PKEY_ALG_ECDSA, anything else 4. */
 PKEY_API unsigned int PKEY_PUBKEY_GetPkeyAlgIdByEvpId(unsigned int evpType);
 /* EVP key type of a pkey alg id (0 for ids 0 and 4; other ids are not accepted). */

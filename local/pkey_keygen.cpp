@@ -24,8 +24,6 @@ const GenerateFn g_apfPKEYGenerateKey[4] = {PKEY_LOCAL_GenerateReserve, PKEY_Gen
                                             PKEY_GenerateDSAKey, PKEY_LOCAL_GenerateReserve};
 
 constexpr unsigned int kRsaPublicExponent = 65537;
-constexpr unsigned int kMinBits = 512;
-constexpr unsigned int kMaxBits = 2048;
 
 bool memory_ok() noexcept { return PKEY_FS_CheckMemStatus() == 1; }
 
@@ -84,13 +82,14 @@ EVP_PKEY *PKEY_GeneratePKey(int evpType, unsigned int bits) {
         return PKEY_GenerateECKey(CRYPTO_FIPSIsEnabled() == 1 ? NID_X9_62_prime256v1
                                                               : NID_X9_62_prime192v1);
     }
-    if (bits - kMinBits > kMaxBits - kMinBits) return nullptr;  // 512..2048, unsigned
+    // The policy's whole range, tested in unsigned arithmetic.
+    if (bits - PKEY_RSA_DSA_MIN_BITS > PKEY_RSA_DSA_MAX_BITS - PKEY_RSA_DSA_MIN_BITS) return nullptr;
     return g_apfPKEYGenerateKey[alg](bits);
 }
 
 unsigned int PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(unsigned int hostKeyBits) {
     // Every server key differs from its host key by at least 128 bits.
-    if (hostKeyBits < 512 || hostKeyBits > 2048) return 0;
+    if (hostKeyBits < PKEY_RSA_DSA_MIN_BITS || hostKeyBits > PKEY_RSA_DSA_MAX_BITS) return 0;
     if (hostKeyBits <= 640) return 768;
     if (hostKeyBits <= 767) return 896;
     if (hostKeyBits <= 895) return 640;

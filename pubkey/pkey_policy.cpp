@@ -17,12 +17,6 @@ namespace {
 // EVP key type per pkey alg id; row 4 stands for an unsupported type.
 constexpr int g_aiPKEYAlg[5] = {0, EVP_PKEY_RSA, EVP_PKEY_DSA, EVP_PKEY_EC, 0};
 
-constexpr unsigned int kRsaDsaMinBits = 512;
-constexpr unsigned int kRsaDsaFipsMinBits = 2048;
-constexpr unsigned int kRsaDsaMaxBits = 2048;  // the ceiling holds in both modes
-constexpr unsigned int kEcMinBits = 192;
-constexpr unsigned int kEcFipsMinBits = 256;
-
 bool fips_mode() noexcept { return CRYPTO_FIPSIsEnabled() == 1; }
 
 pkey::BignumPtr bn_param(const EVP_PKEY *key, const char *name) noexcept {
@@ -122,8 +116,8 @@ int PKEY_PUBKEY_GetMinECKeyNid(void) {
 unsigned int PKEY_PUBKEY_GetMinKeyBits(unsigned int algId) {
     switch (algId) {
         case PKEY_ALG_RSA:
-        case PKEY_ALG_DSA: return fips_mode() ? kRsaDsaFipsMinBits : kRsaDsaMinBits;
-        case PKEY_ALG_ECDSA: return fips_mode() ? kEcFipsMinBits : kEcMinBits;
+        case PKEY_ALG_DSA: return fips_mode() ? PKEY_RSA_DSA_FIPS_MIN_BITS : PKEY_RSA_DSA_MIN_BITS;
+        case PKEY_ALG_ECDSA: return fips_mode() ? PKEY_EC_FIPS_MIN_BITS : PKEY_EC_MIN_BITS;
         default: return 0;
     }
 }
@@ -149,12 +143,13 @@ unsigned int PKEY_PUBKEY_GetPubKeySize(const EVP_PKEY *key) { return PKEY_PUBKEY
 
 int PKEY_PUBKEY_IsKeyLenValid(const EVP_PKEY *key) {
     if (key == nullptr) return 0;
-    const unsigned int lower = fips_mode() ? kRsaDsaFipsMinBits : kRsaDsaMinBits;
+    const unsigned int lower = fips_mode() ? PKEY_RSA_DSA_FIPS_MIN_BITS : PKEY_RSA_DSA_MIN_BITS;
     switch (EVP_PKEY_get_id(key)) {
         case EVP_PKEY_RSA:
         case EVP_PKEY_DSA: {
             const unsigned int bits = PKEY_PUBKEY_GetKeyBits(key);
-            return bits >= lower && bits <= kRsaDsaMaxBits ? 1 : 0;
+            // The ceiling holds in both modes.
+            return bits >= lower && bits <= PKEY_RSA_DSA_MAX_BITS ? 1 : 0;
         }
         case EVP_PKEY_EC: return PKEY_IsValidECDSACurve(pkey::pubkey::ec_curve_nid(key));
         default: return 0;
@@ -166,8 +161,8 @@ int PKEY_PUBKEY_IsKeyMatchFipsMode(const EVP_PKEY *key) {
     if (bits == 0) return 0;
     switch (EVP_PKEY_get_id(key)) {
         case EVP_PKEY_RSA:
-        case EVP_PKEY_DSA: return bits >= kRsaDsaFipsMinBits ? 1 : 0;
-        case EVP_PKEY_EC: return bits >= kEcFipsMinBits ? 1 : 0;
+        case EVP_PKEY_DSA: return bits >= PKEY_RSA_DSA_FIPS_MIN_BITS ? 1 : 0;
+        case EVP_PKEY_EC: return bits >= PKEY_EC_FIPS_MIN_BITS ? 1 : 0;
         default: return 0;
     }
 }

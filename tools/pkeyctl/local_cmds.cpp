@@ -25,7 +25,6 @@ constexpr unsigned int kDefaultRsaBits = 2048;
 // OpenSSH reads DSA keys of 1024 bits only; below that it is the smallest
 // size the mode allows.
 constexpr unsigned int kOpenSshDsaBits = 1024;
-constexpr unsigned int kMaxPolicyBits = 2048;
 constexpr int kDefaultCurve = PKEY_NID_P256;  // P-192 keys are refused by OpenSSH
 constexpr size_t kWrapWidth = 70;
 
@@ -114,11 +113,12 @@ int local_create(const Args &a) {
             return usage_error("bad key size '" + printable(bits_text) + "'");
         // The library stores whatever size it is given; the policy is the
         // configuration service's to apply first.
-        if (bits < min_bits || bits > kMaxPolicyBits)
+        const std::string max_text = std::to_string(PKEY_RSA_DSA_MAX_BITS);
+        if (bits < min_bits || bits > PKEY_RSA_DSA_MAX_BITS)
             return failure(what("create", *alg),
                            std::to_string(bits) + " bits is outside the policy (" +
-                               (min_bits == kMaxPolicyBits ? "exactly 2048"
-                                                           : std::to_string(min_bits) + " to 2048") +
+                               (min_bits == PKEY_RSA_DSA_MAX_BITS ? "exactly " + max_text
+                                                                  : std::to_string(min_bits) + " to " + max_text) +
                                " bits in " + mode_name() + " mode)");
         request.uiKeyBits = static_cast<unsigned int>(bits);
         label += " " + std::to_string(bits);

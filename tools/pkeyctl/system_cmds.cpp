@@ -28,7 +28,7 @@ bool fips_on() { return CRYPTO_FIPSIsEnabled() == 1; }
 int policy(const Args &) {
     std::printf("mode: %s\n%-6s %-8s %-9s %s\n", mode_name(), "alg", "enabled", "min bits", "max bits / curves");
     for (const Algorithm &a : algorithms()) {
-        std::string detail = "2048";
+        std::string detail = std::to_string(PKEY_RSA_DSA_MAX_BITS);
         if (a.alg_id == PKEY_ALG_ECDSA) {
             detail.clear();
             for (const Curve &c : curves())
@@ -61,8 +61,10 @@ int keygen(const Args &a) {
         return failure(what, "the memory alarm is raised; no key is generated while it is");
     if (curve != nullptr && PKEY_IsValidECDSACurve(curve->nid) != 1)
         return failure(what, std::string("curve ") + curve->ssh_name + " is not allowed in " + mode_name() + " mode");
-    if (alg->alg_id != PKEY_ALG_ECDSA && (bits < 512 || bits > 2048))
-        return failure(what, std::to_string(bits) + " bits is outside the generator's range (512 to 2048 bits)");
+    if (alg->alg_id != PKEY_ALG_ECDSA && (bits < PKEY_RSA_DSA_MIN_BITS || bits > PKEY_RSA_DSA_MAX_BITS))
+        return failure(what, std::to_string(bits) + " bits is outside the generator's range (" +
+                                 std::to_string(PKEY_RSA_DSA_MIN_BITS) + " to " +
+                                 std::to_string(PKEY_RSA_DSA_MAX_BITS) + " bits)");
     const auto start = std::chrono::steady_clock::now();
     pkey::EvpPkeyPtr key(curve != nullptr ? PKEY_GenerateECKey(curve->nid)
                                           : PKEY_GeneratePKey(alg->evp_type, static_cast<unsigned>(bits)));
