@@ -12,12 +12,10 @@
 
 namespace {
 
-constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
-
 int _local_SaveKeyOfKind(EVP_PKEY *key, unsigned int keyKind) {
     const unsigned int alg =
         PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(EVP_PKEY_get_id(key)));
-    if (alg >= PKEY_ALG_UNSUPPORTED) return kFailed;
+    if (alg >= PKEY_ALG_UNSUPPORTED) return PKEY_ERR_FAILED;
     return PKEY_LOCAL_SaveLocalKey(alg, keyKind, key, "");
 }
 
@@ -40,16 +38,16 @@ int PKEY_LOCAL_GenerateOneKey(unsigned int algId, int curveNid, unsigned int key
     // A name the key file cannot be stored under is refused before the
     // (possibly long) generation.
     if (algId >= PKEY_ALG_UNSUPPORTED || name == nullptr || pkey::is_escaping_key_name(name))
-        return kFailed;
+        return PKEY_ERR_FAILED;
     // The size is used as given: the 512..2048 range of PKEY_GeneratePKey
     // does not apply to stored keys.
     pkey::EvpPkeyPtr key(generate_for(algId, curveNid, bits));
-    if (!key) return kFailed;
+    if (!key) return PKEY_ERR_FAILED;
     return PKEY_LOCAL_SaveLocalKey(algId, keyKind, key.get(), name);
 }
 
 int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) {
-    if (request == nullptr) return kFailed;
+    if (request == nullptr) return PKEY_ERR_FAILED;
     char name[PKEY_KEYGEN_NAME_LEN];
     pkey::local::request_name(*request, name);
     const int r = PKEY_LOCAL_GenerateOneKey(request->uiAlgId,
@@ -71,27 +69,27 @@ int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) {
 int PKEY_UpdateServerKey(int evpType, const char *name) {
     if (name == nullptr || pkey::is_escaping_key_name(name) ||
         PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType)) != PKEY_ALG_RSA)
-        return kFailed;
+        return PKEY_ERR_FAILED;
     unsigned int server_bits = 0;
     if (pkey::EvpPkeyPtr old(PKEY_LOCAL_GetLocKey(PKEY_ALG_RSA, PKEY_KEY_SERVER, name)); old) {
         server_bits = PKEY_PUBKEY_GetPubKeySize(old.get());  // keep the old size
     } else {
         pkey::EvpPkeyPtr host(PKEY_LOCAL_GetLocKey(PKEY_ALG_RSA, PKEY_KEY_HOST, name));
-        if (!host) return kFailed;
+        if (!host) return PKEY_ERR_FAILED;
         server_bits = PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(PKEY_PUBKEY_GetPubKeySize(host.get()));
     }
-    if (server_bits == 0) return kFailed;
+    if (server_bits == 0) return PKEY_ERR_FAILED;
     return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_RSA, 0, PKEY_KEY_SERVER, server_bits, name);
 }
 
 int PKEY_SaveHostKey(EVP_PKEY *key) {
-    return key == nullptr ? kFailed : _local_SaveKeyOfKind(key, PKEY_KEY_HOST);
+    return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_HOST);
 }
 
 int PKEY_SaveServerKey(EVP_PKEY *key) {
     // Any supported key is stored as the one server key file; its algorithm
     // is deliberately not checked.
-    return key == nullptr ? kFailed : _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);
+    return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);
 }
 
 }  // extern "C"

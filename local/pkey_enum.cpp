@@ -22,7 +22,6 @@ namespace {
 
 constexpr unsigned int kNextSteps = PKEY_INFO_NEXT_SERVER | PKEY_INFO_NEXT_DIR;
 constexpr unsigned int kExtraRoom = 512;  // decorations around the key's body
-constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 
 using AppendFn = unsigned int (*)(unsigned int, EVP_PKEY *, const char *, const char *,
                                   unsigned int, char *);
@@ -235,9 +234,9 @@ char *PKEY_LOCAL_GetPubKeyValue(unsigned int algId, unsigned int format, const c
 
 int PKEY_LOCAL_ExportPubKey(unsigned int algId, const char *name, unsigned int format,
                             const char *file) {
-    if (file == nullptr) return kFailed;
+    if (file == nullptr) return PKEY_ERR_FAILED;
     pkey::MallocPtr<char> text(PKEY_LOCAL_GetPubKeyValue(algId, format, name));
-    if (!text) return kFailed;
+    if (!text) return PKEY_ERR_FAILED;
     if (file[0] == '\0') {
         std::printf("%s\r\n", text.get());
         return 0;

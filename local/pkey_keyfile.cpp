@@ -22,7 +22,6 @@ using pkey::SecureBuffer;
 
 constexpr unsigned int kHeaderLen = PKEY_STORE_HEADER_LEN;
 constexpr unsigned char kProtectRefused = 2;
-constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 
 bool is_plain(unsigned char protection) noexcept { return protection < kProtectRefused; }
 
@@ -42,19 +41,19 @@ int write_file_image(unsigned int alg, unsigned int kind, const unsigned char *i
     const KeyFileNames files(alg, kind, name);
     // One file under both names: writing the memory copy would empty the
     // only flash copy, and the failing device open would then remove it.
-    if (pkey::local::same_existing_file(files.mem, files.dev)) return kFailed;
+    if (pkey::local::same_existing_file(files.mem, files.dev)) return PKEY_ERR_FAILED;
     int result = 0;
     int mem_fd = -1;
     int dev_fd = -1;
     mem_fd = PKEY_FS_OpenCreateLock(files.mem);
     if (mem_fd == -1) {
-        result = kFailed;
+        result = PKEY_ERR_FAILED;
     } else if ((result = PKEY_FS_WriteDataToVFSWithFd(image, image_len, mem_fd)) != 0) {
         PKEY_FS_RemoveFileFromVFS(0, 0, files.mem);
     } else if ((dev_fd = PKEY_FS_OpenCreateLock(files.dev)) == -1) {
         // Never leave a key in memory alone.
         PKEY_FS_RemoveFileFromVFS(0, 0, files.mem);
-        result = kFailed;
+        result = PKEY_ERR_FAILED;
     } else if ((result = PKEY_FS_WriteDataToVFSWithFd(image, image_len, dev_fd)) != 0) {
         PKEY_FS_RemoveFileFromVFS(0, 0, files.dev);
         PKEY_FS_RemoveFileFromVFS(0, 0, files.mem);
@@ -72,15 +71,15 @@ extern "C" {
 
 int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
                                 const unsigned char *record, unsigned int len, const char *name) {
-    if (pkey::is_escaping_key_name(name)) return kFailed;
+    if (pkey::is_escaping_key_name(name)) return PKEY_ERR_FAILED;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    return pkey::c_boundary(kFailed, [&]() -> int {
+    return pkey::c_boundary<int>(PKEY_ERR_FAILED, [&]() -> int {
         pkey::record::Header header;
         if (record == nullptr || name == nullptr || len > UINT32_MAX - PKEY_CIPHER_OVERHEAD ||
             !pkey::record::parse_header({record, len}, header) || header.length != len)
-            return kFailed;
+            return PKEY_ERR_FAILED;
         SecureBuffer image(len + PKEY_CIPHER_OVERHEAD);
-        if (!image) return kFailed;
+        if (!image) return PKEY_ERR_FAILED;
 
         std::memcpy(image.data(), record, kHeaderLen);
         const unsigned char protection = header.protection;
@@ -88,7 +87,7 @@ int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
         if (is_plain(protection)) {
             std::memcpy(image.data() + kHeaderLen, record + kHeaderLen, len - kHeaderLen);
         } else if (protection == kProtectRefused) {
-            return kFailed;
+            return PKEY_ERR_FAILED;
         } else {
             const unsigned int r = PKEY_Encrypt(len - kHeaderLen, record + kHeaderLen,
                                                 len - kHeaderLen + PKEY_CIPHER_OVERHEAD,
@@ -103,10 +102,10 @@ int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
 
 int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *key,
                             const char *name) {
-    if (key == nullptr || name == nullptr || pkey::is_escaping_key_name(name)) return kFailed;
+    if (key == nullptr || name == nullptr || pkey::is_escaping_key_name(name)) return PKEY_ERR_FAILED;
     unsigned int len = 0;
     unsigned char *built = PKEY_PUBKEY_ConvertKeyToStoreBuf(key, &len);
-    if (built == nullptr) return kFailed;
+    if (built == nullptr) return PKEY_ERR_FAILED;
     SecureBuffer record = SecureBuffer::adopt(built, len);
     // Kind and name lie outside the digest, so they are stamped afterwards.
     pkey::record::stamp_kind_and_name(record.span(), static_cast<std::uint8_t>(keyKind), name);
@@ -115,32 +114,32 @@ int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *
 
 int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key) {
     if (key == nullptr || name == nullptr || name[0] == '\0' || pkey::is_escaping_key_name(name))
-        return kFailed;
+        return PKEY_ERR_FAILED;
     const unsigned int alg =
         PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(EVP_PKEY_get_id(key)));
-    if (alg >= PKEY_ALG_UNSUPPORTED) return kFailed;
+    if (alg >= PKEY_ALG_UNSUPPORTED) return PKEY_ERR_FAILED;
     return PKEY_LOCAL_SaveLocalKey(alg, PKEY_KEY_HOST, key, name);
 }
 
 int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in, unsigned int cap,
                            unsigned char *out, unsigned int *outLen) {
-    if (in == nullptr || out == nullptr || outLen == nullptr) return kFailed;
+    if (in == nullptr || out == nullptr || outLen == nullptr) return PKEY_ERR_FAILED;
     pkey::record::Header header;
-    if (cap < kHeaderLen || !pkey::record::parse_header({in, inLen}, header)) return kFailed;
+    if (cap < kHeaderLen || !pkey::record::parse_header({in, inLen}, header)) return PKEY_ERR_FAILED;
     const unsigned char protection = header.protection;
     if (CRYPTO_FIPSIsEnabled() == 1) {
-        if (protection != PKEY_STORE_PROTECT_SHA256) return kFailed;
+        if (protection != PKEY_STORE_PROTECT_SHA256) return PKEY_ERR_FAILED;
     } else if (is_plain(protection)) {
-        if (cap < inLen) return kFailed;
+        if (cap < inLen) return PKEY_ERR_FAILED;
         std::memmove(out, in, inLen);
         *outLen = inLen;
         return 0;
     } else if (protection != PKEY_STORE_PROTECT_MD5 && protection != PKEY_STORE_PROTECT_SHA256) {
-        return kFailed;
+        return PKEY_ERR_FAILED;
     }
     const unsigned int plain =
         PKEY_Decrypt(inLen - kHeaderLen, in + kHeaderLen, cap - kHeaderLen, out + kHeaderLen);
-    if (plain == 0) return kFailed;
+    if (plain == 0) return PKEY_ERR_FAILED;
     std::memmove(out, in, kHeaderLen);
     *outLen = plain + kHeaderLen;
     return 0;

@@ -23,7 +23,6 @@ namespace {
 using pkey::EvpPkeyPtr;
 using pkey::SecureBuffer;
 
-constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 constexpr const char *kKeyFileExt = ".key";
 constexpr unsigned short kNoLocation = 0xFFFF;
 
@@ -158,9 +157,9 @@ int PKEY_LOCAL_IsKeyNameCharValid(int c) {
 }
 
 int PKEY_CheckLocalKeyName(const char *name) {
-    if (name == nullptr || name[0] == '\0') return kFailed;
+    if (name == nullptr || name[0] == '\0') return PKEY_ERR_FAILED;
     for (const char *p = name; *p != '\0'; ++p)
-        if (PKEY_LOCAL_IsKeyNameCharValid(static_cast<unsigned char>(*p)) == 0) return kFailed;
+        if (PKEY_LOCAL_IsKeyNameCharValid(static_cast<unsigned char>(*p)) == 0) return PKEY_ERR_FAILED;
     return 0;
 }
 
@@ -210,9 +209,9 @@ int PKEY_IsKeyExist(int evpType, const char *name) {
 }
 
 int PKEY_LOCAL_GetLocalKeyName(char *fileName) {
-    if (fileName == nullptr || std::strlen(fileName) < std::strlen(kKeyFileExt)) return kFailed;
+    if (fileName == nullptr || std::strlen(fileName) < std::strlen(kKeyFileExt)) return PKEY_ERR_FAILED;
     char *ext = const_cast<char *>(PKEY_FS_StrEndString(fileName, kKeyFileExt));
-    if (ext == nullptr) return kFailed;
+    if (ext == nullptr) return PKEY_ERR_FAILED;
     *ext = '\0';
     return 0;
 }
@@ -220,24 +219,24 @@ int PKEY_LOCAL_GetLocalKeyName(char *fileName) {
 int PKEY_LOCAL_CheckFullFileName(const char *fullName, unsigned int mode, unsigned int flags,
                                  unsigned int reserved) {
     if (fullName == nullptr || FS_IsValidFullFileName(fullName, mode, flags, reserved) != 0)
-        return kFailed;
+        return PKEY_ERR_FAILED;
     // "./" also catches "../".
-    if (std::strstr(fullName, "./") != nullptr) return kFailed;
+    if (std::strstr(fullName, "./") != nullptr) return PKEY_ERR_FAILED;
 
     char work_dir[PKEY_PATH_LEN] = "";
     FS_GetDefaultWorkDirBySlot(DEV_GetSelfSlot(), sizeof work_dir, work_dir);
     FileLocation work;
     FileLocation target;
     // When either place cannot be told, the name might reach the key store.
-    if (!work.analyse(work_dir) || !target.analyse(fullName)) return kFailed;
+    if (!work.analyse(work_dir) || !target.analyse(fullName)) return PKEY_ERR_FAILED;
     if (!target.same_device_as(work)) return 0;
 
     lowercase(target.dir);
     lowercase(target.file);
     if (std::strcmp(target.dir, "pkey") == 0 || std::strncmp(target.dir, "pkey/", 5) == 0)
-        return kFailed;
+        return PKEY_ERR_FAILED;
     if (target.dir[0] != '\0') return 0;
-    return is_key_store_root_name(target.file) ? kFailed : 0;
+    return is_key_store_root_name(target.file) ? PKEY_ERR_FAILED : 0;
 }
 
 int PKEY_DestroyNonFIPSApprovedKeyPairs(const char *storagePath) {
