@@ -14,7 +14,6 @@
 namespace {
 
 using pkey::EvpPkeyCtxPtr;
-using pkey::EvpPkeyPtr;
 
 using GenerateFn = EVP_PKEY *(*)(unsigned int bits);
 

@@ -26,7 +26,6 @@ namespace {
 
 using pkey::BignumPtr;
 using pkey::EvpPkeyPtr;
-using pkey::FnDeleter;
 
 using pkey::ParamBldPtr;
 

@@ -37,10 +37,8 @@ using pkey::ByteWriter;
 using pkey::EcGroupPtr;
 using pkey::EcPointPtr;
 using pkey::EvpPkeyPtr;
-using pkey::FnDeleter;
 using pkey::MallocPtr;
 using pkey::OpensslPtr;
-
 using pkey::ParamBldPtr;
 
 using GetBufLenFn = unsigned int (*)(EVP_PKEY *key, int ssh2);
@@ -107,10 +105,6 @@ private:
     std::size_t count_ = 0;
 };
 
-unsigned int clamp_to_uint(std::size_t n) noexcept {
-    return n > UINT32_MAX ? 0 : static_cast<unsigned int>(n);
-}
-
 // An SSH mpint: a 0x00 byte before a magnitude whose top bit is set (so it
 // does not read as negative), nothing at all for zero.
 bool put_mpint(ByteWriter &out, const BIGNUM *bn) noexcept {
@@ -144,7 +138,7 @@ BignumPtr read_mpint(ByteReader &in) noexcept {
 unsigned int bound_of(EVP_PKEY *key, int ssh2, ComponentNames names, std::size_t slack) noexcept {
     if (key == nullptr || ssh2 == 0) return 0;
     const PublicComponents components(key, names);
-    return components ? clamp_to_uint(components.magnitude_bytes() + slack) : 0;
+    return components ? pkey::clamp_to_uint(components.magnitude_bytes() + slack) : 0;
 }
 
 // The key buffer: the type name string, then the components as mpints. buf

@@ -87,10 +87,6 @@ private:
     std::size_t count_;
 };
 
-unsigned int clamp_to_uint(std::size_t n) noexcept {
-    return n > UINT32_MAX ? 0 : static_cast<unsigned int>(n);
-}
-
 // A length field and the component's magnitude: big-endian, no sign byte, no
 // leading zero, nothing at all for the value zero.
 bool put_component(ByteWriter &out, const BIGNUM *bn) noexcept {
@@ -169,12 +165,12 @@ unsigned int PKEY_PUBKEY_GetStoreLenFromEvpReserve(EVP_PKEY * /*key*/) { return 
 
 unsigned int PKEY_PUBKEY_GetRSAStoreLenFromEvp(EVP_PKEY *key) {
     if (key == nullptr) return 0;
-    return clamp_to_uint(KeyComponents(key, kRsaComponents).bound());
+    return pkey::clamp_to_uint(KeyComponents(key, kRsaComponents).bound());
 }
 
 unsigned int PKEY_PUBKEY_GetDSAStoreLenFromEvp(EVP_PKEY *key) {
     if (key == nullptr) return 0;
-    return clamp_to_uint(KeyComponents(key, kDsaComponents).bound());
+    return pkey::clamp_to_uint(KeyComponents(key, kDsaComponents).bound());
 }
 
 unsigned int PKEY_PUBKEY_GetECDSAStoreLenFromEvp(EVP_PKEY *key) {

@@ -155,6 +155,12 @@ inline std::uint16_t load_be16(const unsigned char *p) noexcept {
     return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
 }
 
+// A size as the C ABI's unsigned int; 0, which callers read as "no size",
+// when it does not fit.
+inline unsigned int clamp_to_uint(std::size_t n) noexcept {
+    return n > UINT32_MAX ? 0 : static_cast<unsigned int>(n);
+}
+
 // Bounds-checked cursor over untrusted bytes. A failed read leaves the cursor
 // where it was and returns false; nothing ever reads past the end.
 class ByteReader {
