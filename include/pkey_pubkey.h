@@ -98,7 +98,8 @@ PKEY_API unsigned char PKEY_HexAsc2Bin(char c);
 /* 1 if every character is a hexadecimal digit or a blank (the empty text too). */
 PKEY_API int PKEY_IsValidHexString(const char *text);
 /* Converts pairs of hex digits into bytes; returns the count, 0 for an odd
- * length or fewer than two digits. out must hold strlen(hex) / 2 bytes. */
+ * length or fewer than two digits. Takes no size: out must hold
+ * strlen(hex) / 2 bytes, so bound the text's length first. */
 PKEY_API unsigned int PKEY_HexStringToHexData(const char *hex, unsigned char *out);
 /* Length of the first token up to a separator, counted from the text's start
  * (leading separators included); 0 for an empty text or separators only. */
@@ -125,9 +126,12 @@ PKEY_API unsigned int PKEY_LenBeforeSeparator(const char *text, char separator);
 #define PKEY_STORE_PROTECT_MD5 3U
 #define PKEY_STORE_PROTECT_SHA256 4U
 
-/* Writes len big-endian at *cursor, advances *cursor by 4 and returns it. */
+/* Writes len big-endian at *cursor, advances *cursor by 4 and returns it.
+ * Takes no size: *cursor must have room for 4 bytes. */
 PKEY_API unsigned char *PKEY_PutLenToBuf(unsigned int len, unsigned char **cursor);
-/* Reads the big-endian 32-bit value at data into *lenOut; returns data + 4. */
+/* Reads the big-endian 32-bit value at data into *lenOut; returns data + 4.
+ * Takes no size: data must hold 4 readable bytes, and the value read is not
+ * checked against anything. */
 PKEY_API const unsigned char *PKEY_GetLengthFromData(const unsigned char *data,
                                                       unsigned int *lenOut);
 
@@ -146,8 +150,8 @@ PKEY_API unsigned int PKEY_PUBKEY_GetRSAStoreLenFromEvp(EVP_PKEY *key);
 PKEY_API unsigned int PKEY_PUBKEY_GetDSAStoreLenFromEvp(EVP_PKEY *key);
 PKEY_API unsigned int PKEY_PUBKEY_GetECDSAStoreLenFromEvp(EVP_PKEY *key);
 /* Payload writers per algorithm (rows of g_apfPKEYConvertKeyToStoreBuf):
- * write at payload (which holds the row's bound), store the count written,
- * return 0 or PKEY_ERR_FAILED. */
+ * write at payload, store the count written, return 0 or PKEY_ERR_FAILED.
+ * They take no size: payload must hold the row's bound for the same key. */
 PKEY_API unsigned int PKEY_PUBKEY_ConvertKeyToStoreBufReserve(EVP_PKEY *key, unsigned int *written,
                                                               unsigned char *payload);
 PKEY_API unsigned int PKEY_PUBKEY_ConvertRSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
@@ -157,7 +161,8 @@ PKEY_API unsigned int PKEY_PUBKEY_ConvertDSAKeyToStoreBuf(EVP_PKEY *key, unsigne
 PKEY_API unsigned int PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
                                                             unsigned char *payload);
 /* Writes one component (length, magnitude without sign byte) at *cursor,
- * advances it and adds 4 + length to *total. */
+ * advances it and adds 4 + length to *total. Takes no size: *cursor must have
+ * room for 4 + BN_num_bytes(bn) bytes. */
 PKEY_API void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor,
                                           unsigned int *total);
 /* Reads one component at *cursor within *remaining bytes into *bnOut (NULL
@@ -198,8 +203,8 @@ PKEY_API unsigned int PKEY_PUBKEY_GetBufLenFromRSAKey(EVP_PKEY *key, int ssh2);
 PKEY_API unsigned int PKEY_PUBKEY_GetBufLenFromDSAKey(EVP_PKEY *key, int ssh2);
 PKEY_API unsigned int PKEY_PUBKEY_GetBufLenFromECDSAKey(EVP_PKEY *key, int ssh2);
 /* Key buffer writers per algorithm (rows of g_apfPKEYFillKeyToBuf): write at
- * buf (which holds the row's bound), store the length, return 0 or
- * PKEY_ERR_FAILED. */
+ * buf, store the length, return 0 or PKEY_ERR_FAILED. They take no size: buf
+ * must hold the row's bound for the same key. */
 PKEY_API unsigned int PKEY_PUBKEY_FillKeyToBufReserve(EVP_PKEY *key, unsigned char *buf,
                                                       unsigned int *written);
 PKEY_API unsigned int PKEY_PUBKEY_FillRSAKeyToBuf(EVP_PKEY *key, unsigned char *buf,
@@ -209,7 +214,8 @@ PKEY_API unsigned int PKEY_PUBKEY_FillDSAKeyToBuf(EVP_PKEY *key, unsigned char *
 PKEY_API unsigned int PKEY_PUBKEY_FillECDSAKeyToBuf(EVP_PKEY *key, unsigned char *buf,
                                                     unsigned int *written);
 /* Writes one SSH mpint at *cursor (a 0x00 byte before a magnitude whose top
- * bit is set), advances it and adds 4 + length to *total. */
+ * bit is set), advances it and adds 4 + length to *total. Takes no size:
+ * *cursor must have room for 5 + BN_num_bytes(bn) bytes. */
 PKEY_API void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor,
                                       unsigned int *total);
 /* Reads one SSH mpint within *remaining bytes into *bnOut; 0 or
