@@ -32,16 +32,24 @@ using pkey::ParamBldPtr;
 using pkey::SecureBuffer;
 
 using GetStoreLenFn = unsigned int (*)(EVP_PKEY *key);
-using ConvertToStoreBufFn = unsigned int (*)(EVP_PKEY *key, unsigned int *written,
-                                             unsigned char *payload);
+using WritePayloadFn = unsigned int (*)(EVP_PKEY *key, std::span<unsigned char> payload,
+                                        unsigned int *written);
+
+unsigned int write_reserve_payload(EVP_PKEY *, std::span<unsigned char>, unsigned int *) noexcept;
+unsigned int write_rsa_payload(EVP_PKEY *key, std::span<unsigned char> payload,
+                               unsigned int *written) noexcept;
+unsigned int write_dsa_payload(EVP_PKEY *key, std::span<unsigned char> payload,
+                               unsigned int *written) noexcept;
+unsigned int write_ecdsa_payload(EVP_PKEY *key, std::span<unsigned char> payload,
+                                 unsigned int *written) noexcept;
 
 // Payload bound and payload writer per pkey alg id; row 0 is the reserved stub.
+// The writers are bounded by the room they are given, not by the key.
 const GetStoreLenFn g_apfPKEYGetAlgStoreLen[4] = {
     PKEY_PUBKEY_GetStoreLenFromEvpReserve, PKEY_PUBKEY_GetRSAStoreLenFromEvp,
     PKEY_PUBKEY_GetDSAStoreLenFromEvp, PKEY_PUBKEY_GetECDSAStoreLenFromEvp};
-const ConvertToStoreBufFn g_apfPKEYConvertKeyToStoreBuf[4] = {
-    PKEY_PUBKEY_ConvertKeyToStoreBufReserve, PKEY_PUBKEY_ConvertRSAKeyToStoreBuf,
-    PKEY_PUBKEY_ConvertDSAKeyToStoreBuf, PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf};
+const WritePayloadFn g_apfPKEYConvertKeyToStoreBuf[4] = {
+    write_reserve_payload, write_rsa_payload, write_dsa_payload, write_ecdsa_payload};
 
 // Components in record order.
 constexpr const char *kRsaComponents[] = {
@@ -98,17 +106,45 @@ bool put_component(ByteWriter &out, const BIGNUM *bn) noexcept {
     return true;
 }
 
-unsigned int write_components(EVP_PKEY *key, ComponentNames names, unsigned int *written,
-                              unsigned char *payload) noexcept {
-    if (key == nullptr || written == nullptr || payload == nullptr) return PKEY_ERR_FAILED;
+unsigned int write_components(EVP_PKEY *key, ComponentNames names,
+                              std::span<unsigned char> payload, unsigned int *written) noexcept {
+    if (key == nullptr || written == nullptr || payload.data() == nullptr) return PKEY_ERR_FAILED;
     const KeyComponents components(key, names);
-    // The caller sized payload to the bound, so the writer may use that much.
-    ByteWriter out(payload, components.bound());
+    ByteWriter out(payload.data(), payload.size());
     for (const BignumPtr &bn : components.all()) {
         if (bn && !put_component(out, bn.get())) return PKEY_ERR_FAILED;
     }
     *written = static_cast<unsigned int>(out.size());
     return 0;
+}
+
+unsigned int write_reserve_payload(EVP_PKEY *, std::span<unsigned char>, unsigned int *) noexcept {
+    return PKEY_ERR_FAILED;
+}
+unsigned int write_rsa_payload(EVP_PKEY *key, std::span<unsigned char> payload,
+                               unsigned int *written) noexcept {
+    return write_components(key, kRsaComponents, payload, written);
+}
+unsigned int write_dsa_payload(EVP_PKEY *key, std::span<unsigned char> payload,
+                               unsigned int *written) noexcept {
+    return write_components(key, kDsaComponents, payload, written);
+}
+unsigned int write_ecdsa_payload(EVP_PKEY *key, std::span<unsigned char> payload,
+                                 unsigned int *written) noexcept {
+    if (key == nullptr || written == nullptr || payload.data() == nullptr) return PKEY_ERR_FAILED;
+    // Measured first: i2d writes into a caller's buffer without knowing its size.
+    const int len = i2d_PrivateKey(key, nullptr);
+    if (len <= 0 || static_cast<std::size_t>(len) > payload.size()) return PKEY_ERR_FAILED;
+    unsigned char *out = payload.data();
+    if (i2d_PrivateKey(key, &out) != len) return PKEY_ERR_FAILED;
+    *written = static_cast<unsigned int>(len);
+    return 0;
+}
+
+// The room of an exported payload writer's buffer: by its contract, the row's
+// bound for the same key.
+std::span<unsigned char> contract_room(unsigned char *payload, unsigned int bound) noexcept {
+    return payload != nullptr ? std::span<unsigned char>(payload, bound) : std::span<unsigned char>();
 }
 
 // One length-prefixed component, kept in wiped memory. Null when nothing is
@@ -186,25 +222,20 @@ unsigned int PKEY_PUBKEY_ConvertKeyToStoreBufReserve(EVP_PKEY * /*key*/, unsigne
 
 unsigned int PKEY_PUBKEY_ConvertRSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
                                                  unsigned char *payload) {
-    return write_components(key, kRsaComponents, written, payload);
+    return write_rsa_payload(key, contract_room(payload, PKEY_PUBKEY_GetRSAStoreLenFromEvp(key)),
+                             written);
 }
 
 unsigned int PKEY_PUBKEY_ConvertDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
                                                  unsigned char *payload) {
-    return write_components(key, kDsaComponents, written, payload);
+    return write_dsa_payload(key, contract_room(payload, PKEY_PUBKEY_GetDSAStoreLenFromEvp(key)),
+                             written);
 }
 
 unsigned int PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
                                                    unsigned char *payload) {
-    if (key == nullptr || written == nullptr || payload == nullptr) return PKEY_ERR_FAILED;
-    // Measured first: the payload holds exactly this bound, and i2d writes
-    // into a caller's buffer without knowing its size.
-    const int len = i2d_PrivateKey(key, nullptr);
-    if (len <= 0) return PKEY_ERR_FAILED;
-    unsigned char *out = payload;
-    if (i2d_PrivateKey(key, &out) != len) return PKEY_ERR_FAILED;
-    *written = static_cast<unsigned int>(len);
-    return 0;
+    return write_ecdsa_payload(
+        key, contract_room(payload, PKEY_PUBKEY_GetECDSAStoreLenFromEvp(key)), written);
 }
 
 void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) {
@@ -251,10 +282,11 @@ unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *len
             !pkey::record::write_header(header, headerOut))
             return nullptr;
 
+        // The payload's room comes from the record's size, not from the key.
         unsigned int written = 0;
-        if (g_apfPKEYConvertKeyToStoreBuf[id](key, &written,
-                                              record.data() + PKEY_STORE_HEADER_LEN) != 0)
-            return nullptr;
+        const std::span<unsigned char> payload = record.span().subspan(
+            PKEY_STORE_HEADER_LEN, record.size() - PKEY_STORE_HEADER_LEN - digest.size);
+        if (g_apfPKEYConvertKeyToStoreBuf[id](key, payload, &written) != 0) return nullptr;
 
         if (!pkey::record::seal(digest, record.span())) return nullptr;
         *lenOut = static_cast<unsigned int>(recordLen);
