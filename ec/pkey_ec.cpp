@@ -16,15 +16,15 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <string_view>
 #include <utility>
 
 #include "ec/pkey_ec_curve.hpp"
 #include "ec/pkey_ec_read.hpp"
 #include "pkey_base64.hpp"
+#include "pkey_curves.hpp"
 #include "pkey_ec.h"
 #include "pkey_util.hpp"
-#include "pubkey/pkey_der.hpp"
-#include "pubkey/pkey_pubkey_internal.hpp"
 
 namespace {
 
@@ -34,6 +34,7 @@ using pkey::ByteWriter;
 using pkey::EcPointPtr;
 using pkey::EvpPkeyPtr;
 using pkey::MallocPtr;
+using pkey::curves::Curve;
 
 // One row per ECDSA key type. A walk stops at the row whose type code is -1.
 // The short name and the flag are part of the row but play no part here.
@@ -45,24 +46,25 @@ struct EcTypeRow {
     unsigned int uiFlag;      // always 0
 };
 
-const EcTypeRow g_astEcType[5] = {
-    {"ecdsa-sha2-nistp192", "ECDSA", 0, NID_X9_62_prime192v1, 0},
-    {"ecdsa-sha2-nistp256", "ECDSA", 0, NID_X9_62_prime256v1, 0},
-    {"ecdsa-sha2-nistp384", "ECDSA", 0, NID_secp384r1, 0},
-    {"ecdsa-sha2-nistp521", "ECDSA", 0, NID_secp521r1, 0},
+// The curve of a key type name, as the curve table gives it.
+constexpr int type_nid(std::string_view name) noexcept {
+    const std::size_t i = pkey::curves::ssh_type_index(name);
+    return i < pkey::curves::kCurves.size() ? pkey::curves::kCurves[i].nid : NID_undef;
+}
+
+constexpr EcTypeRow g_astEcType[5] = {
+    {"ecdsa-sha2-nistp192", "ECDSA", 0, type_nid("ecdsa-sha2-nistp192"), 0},
+    {"ecdsa-sha2-nistp256", "ECDSA", 0, type_nid("ecdsa-sha2-nistp256"), 0},
+    {"ecdsa-sha2-nistp384", "ECDSA", 0, type_nid("ecdsa-sha2-nistp384"), 0},
+    {"ecdsa-sha2-nistp521", "ECDSA", 0, type_nid("ecdsa-sha2-nistp521"), 0},
     {nullptr, nullptr, -1, -1, 0},
 };
+static_assert(std::ranges::none_of(g_astEcType,
+                                   [](const EcTypeRow &row) { return row.iNid == NID_undef; }),
+              "every key type name is an SSH curve's");
 
-// Curve identifiers of the key buffer, each exactly 8 characters.
-struct CurveId {
-    const char *id;
-    int nid;
-};
-constexpr CurveId kCurveIds[] = {{"nistp192", NID_X9_62_prime192v1},
-                                 {"nistp256", NID_X9_62_prime256v1},
-                                 {"nistp384", NID_secp384r1},
-                                 {"nistp521", NID_secp521r1}};
-constexpr std::size_t kCurveIdLen = 8;
+// Curve identifiers of the key buffer, all of one length.
+constexpr std::size_t kCurveIdLen = pkey::curves::kSshIdLen;
 
 constexpr unsigned int kMinReadLen = 20;
 constexpr unsigned int kMaxReadLen = 512;
@@ -158,21 +160,6 @@ bool affine_of_encoding(const EC_GROUP *group, std::span<const unsigned char> en
            BN_bin2bn(encoding.data() + 1 + width, w, y) != nullptr;
 }
 
-// NID of a curve identifier by exact comparison; NID_undef for any other text.
-int curve_nid_of_id(const char *id) noexcept {
-    for (const CurveId &c : kCurveIds) {
-        if (std::strcmp(id, c.id) == 0) return c.nid;
-    }
-    return NID_undef;
-}
-
-const char *curve_id_of_nid(int nid) noexcept {
-    for (const CurveId &c : kCurveIds) {
-        if (c.nid == nid) return c.id;
-    }
-    return nullptr;
-}
-
 // Key type name of a curve: the first ECDSA row of g_astEcType with its NID.
 const char *key_type_name_of_nid(int nid) noexcept {
     for (const EcTypeRow *row = g_astEcType; row->iType != -1; ++row) {
@@ -183,42 +170,19 @@ const char *key_type_name_of_nid(int nid) noexcept {
 
 // A public EC key of the curve holding point, encoded anew from the point (the
 // full reader's way); the key names its curve when encoded.
-EvpPkeyPtr public_key_of(int nid, const EC_GROUP *group, const EC_POINT *point) noexcept {
+EvpPkeyPtr public_key_of(const Curve &curve, const EC_GROUP *group,
+                         const EC_POINT *point) noexcept {
     unsigned char octets[kMaxPointLen];
     const std::size_t len =
         EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets, sizeof octets,
                            nullptr);
     if (len == 0) return nullptr;
-    return pkey::der::ec_public_key(nid, {octets, len});
+    return pkey::curves::public_key(curve, {octets, len});
 }
 
 }  // namespace
 
 namespace pkey::ec {
-
-const EC_GROUP *curve_group(int nid) noexcept {
-    // One group per curve for the life of the process: built on first use
-    // (thread-safe static initialisation) and never modified afterwards.
-    switch (nid) {
-        case NID_X9_62_prime192v1: {
-            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
-            return group;
-        }
-        case NID_X9_62_prime256v1: {
-            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
-            return group;
-        }
-        case NID_secp384r1: {
-            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
-            return group;
-        }
-        case NID_secp521r1: {
-            static const EC_GROUP *const group = EC_GROUP_new_by_curve_name(nid);
-            return group;
-        }
-        default: return nullptr;
-    }
-}
 
 bool public_point_valid(const EC_GROUP *group, const EC_POINT *point,
                         std::span<const unsigned char> encoding, PointValidation validation,
@@ -288,8 +252,8 @@ EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
 
     // The curve comes from the identifier alone; the key type name in
     // front of it is not consulted.
-    const int nid = curve_nid_of_id(id);
-    const EC_GROUP *group = curve_group(nid);
+    const Curve *curve = pkey::curves::by_ssh_id(id);
+    const EC_GROUP *group = curve != nullptr ? pkey::curves::group(*curve) : nullptr;
     if (group == nullptr) return nullptr;
     EcRes res;
     res.pstPoint = EC_POINT_new(group);
@@ -306,8 +270,8 @@ EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
     // nothing else, so the bytes it took are the point's one encoding, which
     // the key can be given as they are.
     res.pstKey = (validation == PointValidation::kFull
-                      ? public_key_of(nid, group, res.pstPoint)
-                      : pkey::der::ec_public_key(nid, octets.span()))
+                      ? public_key_of(*curve, group, res.pstPoint)
+                      : pkey::curves::public_key(*curve, octets.span()))
                      .release();
     if (res.pstKey == nullptr) return nullptr;
     EvpPkeyPtr result(std::exchange(res.pstKey, nullptr));
@@ -328,11 +292,12 @@ EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len) {
 char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) {
     return pkey::c_boundary<char *>(nullptr, [&]() -> char * {
         if (pkey == nullptr || outLen == nullptr) return nullptr;
-        const int nid = pkey::pubkey::ec_curve_nid(pkey);
+        const int nid = pkey::curves::nid_of_key(pkey);
         const char *typeName = key_type_name_of_nid(nid);
-        const char *curveId = curve_id_of_nid(nid);
-        const EC_GROUP *group = pkey::ec::curve_group(nid);
-        if (typeName == nullptr || curveId == nullptr || group == nullptr) return nullptr;
+        const Curve *curve = pkey::curves::by_nid(nid);
+        if (typeName == nullptr || curve == nullptr || !curve->in_ssh()) return nullptr;
+        const EC_GROUP *group = pkey::curves::group(*curve);
+        if (group == nullptr) return nullptr;
 
         BnCtxPtr ctx(BN_CTX_new());
         if (!ctx) return nullptr;
@@ -349,7 +314,8 @@ char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) {
         if (!blob) return nullptr;
         ByteWriter out(blob.get(), total);
         if (!_ec_PutLenToBuf(typeLen, out) || !out.put_bytes(typeName, typeLen) ||
-            !_ec_PutLenToBuf(kCurveIdLen, out) || !out.put_bytes(curveId, kCurveIdLen) ||
+            !_ec_PutLenToBuf(kCurveIdLen, out) ||
+            !out.put_bytes(curve->ssh_id.data(), kCurveIdLen) ||
             !_ec_PutLenToBuf(q, out))
             return nullptr;
         unsigned char *dst = out.cursor();

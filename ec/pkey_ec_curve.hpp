@@ -1,5 +1,5 @@
-// pkey_ec_curve.hpp - the supported curves' groups and EC key access, shared by
-// the ECDSA key buffer code and the public key comparison (hidden).
+// pkey_ec_curve.hpp - EC key access shared by the ECDSA key buffer code and
+// the public key comparison (hidden).
 #pragma once
 
 #include <openssl/ec.h>
@@ -8,10 +8,6 @@
 #include "pkey_util.hpp"
 
 namespace pkey::ec {
-
-// The group of P-192, P-256, P-384 or P-521, built once per process and then
-// only read, by any thread; NULL for any other NID.
-const EC_GROUP *curve_group(int nid) noexcept;
 
 // The public point of an EC key as a point on group, whatever the key's point
 // format; NULL when the key has no public point or it does not lie on group.

@@ -1,7 +1,6 @@
 // Enumeration of an algorithm's local keys for display, and export of a
 // stored public key as SSH1, SSH2 or OpenSSH text.
 #include <dirent.h>
-#include <openssl/obj_mac.h>
 #include <openssl/x509.h>
 
 #include <cerrno>
@@ -9,14 +8,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "pkey_cfgmng.h"
+#include "pkey_curves.hpp"
 #include "pkey_fs.h"
 #include "pkey_local.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
-#include "pubkey/pkey_pubkey_internal.hpp"
 
 namespace {
 
@@ -36,28 +36,22 @@ bool format_allowed(unsigned int alg, unsigned int format) noexcept {
 }
 
 // Key-type words of the SSH2 comment and the OpenSSH line; an EC key on a
-// curve outside the four gets none.
+// curve without an SSH key type name gets none.
 struct TypeWords {
-    const char *comment_head;  // opening quote, type word, hyphen
-    const char *openssh_type;
+    std::string_view comment_word;  // the comment is "<word>-<date>" in quotes, else <date>"
+    std::string_view openssh_type;  // the line starts "<type> ", else with the body
     const char *openssh_trailer;
 };
 
 TypeWords type_words(unsigned int alg, const EVP_PKEY *key) noexcept {
-    if (alg == PKEY_ALG_RSA) return {"\"rsa-key-", "ssh-rsa ", " rsa-key"};
-    if (alg == PKEY_ALG_DSA) return {"\"dsa-key-", "ssh-dss ", " dsa-key"};
-    switch (pkey::pubkey::ec_curve_nid(key)) {
-        case NID_X9_62_prime192v1:
-            return {"\"ecdsa-sha2-nistp192-", "ecdsa-sha2-nistp192 ", " ecdsa-key"};
-        case NID_X9_62_prime256v1:
-            return {"\"ecdsa-sha2-nistp256-", "ecdsa-sha2-nistp256 ", " ecdsa-key"};
-        case NID_secp384r1:
-            return {"\"ecdsa-sha2-nistp384-", "ecdsa-sha2-nistp384 ", " ecdsa-key"};
-        case NID_secp521r1:
-            return {"\"ecdsa-sha2-nistp521-", "ecdsa-sha2-nistp521 ", " ecdsa-key"};
-        default: return {"", "", " ecdsa-key"};
-    }
+    if (alg == PKEY_ALG_RSA) return {"rsa-key", "ssh-rsa", " rsa-key"};
+    if (alg == PKEY_ALG_DSA) return {"dsa-key", "ssh-dss", " dsa-key"};
+    const pkey::curves::Curve *curve = pkey::curves::by_nid(pkey::curves::nid_of_key(key));
+    if (curve == nullptr || !curve->in_ssh()) return {"", "", " ecdsa-key"};
+    return {curve->ssh_type, curve->ssh_type, " ecdsa-key"};
 }
+
+int printf_len(std::string_view text) noexcept { return static_cast<int>(text.size()); }
 
 // Copies one directory entry into the handle's buffer: only its used bytes,
 // since the stream's own entries may be shorter than a whole struct dirent.
@@ -193,9 +187,12 @@ unsigned int PKEY_LOCAL_AppendBufFromSSH1(unsigned int /*algId*/, EVP_PKEY *key,
 unsigned int PKEY_LOCAL_AppendBufFromSSH2(unsigned int algId, EVP_PKEY *key, const char *body,
                                           const char *date, unsigned int size, char *buf) {
     if (body == nullptr || date == nullptr || buf == nullptr) return PKEY_ERR_FAILED;
-    scnprintf(buf, size, "%s%s%s%s%s%s%s%s", "---- BEGIN SSH2 PUBLIC KEY ----\r\n", "Comment: ",
-              type_words(algId, key).comment_head, date, "\"\r\n", body, "\r\n",
-              "---- END SSH2 PUBLIC KEY ----\r\n");
+    const std::string_view word = type_words(algId, key).comment_word;
+    const char *quote = word.empty() ? "" : "\"";
+    const char *hyphen = word.empty() ? "" : "-";
+    scnprintf(buf, size, "%s%s%s%.*s%s%s%s%s%s%s", "---- BEGIN SSH2 PUBLIC KEY ----\r\n",
+              "Comment: ", quote, printf_len(word), word.data(), hyphen, date, "\"\r\n", body,
+              "\r\n", "---- END SSH2 PUBLIC KEY ----\r\n");
     return 0;
 }
 
@@ -203,7 +200,9 @@ unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PKEY *key, 
                                              const char * /*date*/, unsigned int size, char *buf) {
     if (body == nullptr || buf == nullptr) return PKEY_ERR_FAILED;
     const TypeWords words = type_words(algId, key);
-    scnprintf(buf, size, "%s%s%s\r\n", words.openssh_type, body, words.openssh_trailer);
+    const char *blank = words.openssh_type.empty() ? "" : " ";
+    scnprintf(buf, size, "%.*s%s%s%s\r\n", printf_len(words.openssh_type),
+              words.openssh_type.data(), blank, body, words.openssh_trailer);
     return 0;
 }
 

@@ -2,7 +2,6 @@
 // and the size rule of the RSA server key.
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/obj_mac.h>
 
 #include "pkey_dsa_params.hpp"
 #include "pkey_fs.h"
@@ -78,8 +77,7 @@ EVP_PKEY *PKEY_GeneratePKey(int evpType, unsigned int bits) {
     if (alg >= PKEY_ALG_UNSUPPORTED) return nullptr;
     if (alg == PKEY_ALG_ECDSA) {
         // The size plays no part for ECDSA: the mode's smallest curve is used.
-        return PKEY_GenerateECKey(CRYPTO_FIPSIsEnabled() == 1 ? NID_X9_62_prime256v1
-                                                              : NID_X9_62_prime192v1);
+        return PKEY_GenerateECKey(PKEY_PUBKEY_GetMinECKeyNid());
     }
     // The policy's whole range, tested in unsigned arithmetic.
     if (bits - PKEY_RSA_DSA_MIN_BITS > PKEY_RSA_DSA_MAX_BITS - PKEY_RSA_DSA_MIN_BITS) return nullptr;

@@ -11,12 +11,12 @@
 #include <initializer_list>
 
 #include "pkey_cfgmng.h"
+#include "pkey_curves.hpp"
 #include "pkey_fs.h"
 #include "pkey_local.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
-#include "pubkey/pkey_pubkey_internal.hpp"
 
 namespace {
 
@@ -32,7 +32,7 @@ bool passes_fips_policy(const EVP_PKEY *key, unsigned int alg, unsigned char pro
     if (protection != PKEY_STORE_PROTECT_SHA256) return false;
     if (alg == PKEY_ALG_RSA || alg == PKEY_ALG_DSA)
         return PKEY_PUBKEY_GetPubKeySize(key) >= PKEY_PUBKEY_GetMinKeyBits(alg);
-    return PKEY_IsValidECDSACurve(pkey::pubkey::ec_curve_nid(key)) == 1;
+    return PKEY_IsValidECDSACurve(pkey::curves::nid_of_key(key)) == 1;
 }
 
 // Removes the key file at path when it holds a readable key that fails the

@@ -18,6 +18,7 @@
 #include <string.h>  // strsep
 #include <string_view>
 
+#include "pkey_curves.hpp"
 #include "pkey_peer.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
@@ -37,9 +38,9 @@ constexpr std::string_view kSsh2End = "---- END SSH2 PUBLIC KEY ----";
 constexpr std::string_view kSshRsa = "ssh-rsa";
 constexpr std::string_view kSshDss = "ssh-dss";
 constexpr std::string_view kEcdsa = "ecdsa";
-// Every ECDSA type name ("ecdsa-sha2-nistp256", -384, -521) is this long; it is
+// Every ECDSA type name ("ecdsa-sha2-nistp256" ...) is this long; it is
 // skipped whole without looking at what follows "ecdsa".
-constexpr std::size_t kEcdsaTypeLen = 19;
+constexpr std::size_t kEcdsaTypeLen = pkey::curves::kSshTypeLen;
 
 // Longest SSH1 pieces in characters: bits, exponent, modulus.
 constexpr std::size_t kSsh1Limits[3] = {4, 80, 2048};

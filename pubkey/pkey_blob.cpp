@@ -22,9 +22,9 @@
 
 #include "ec/pkey_ec_curve.hpp"
 #include "pkey_base64.hpp"
+#include "pkey_curves.hpp"
 #include "pkey_ec.h"
 #include "pkey_platform.h"
-#include "pkey_pubkey_internal.hpp"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
 
@@ -59,11 +59,6 @@ constexpr std::string_view kSshDss = "ssh-dss";
 constexpr std::string_view kRsaNames[] = {kSshRsa, "x509v3-sign-rsa", "spki-sign-rsa",
                                           "pgp-sign-rsa"};
 constexpr std::string_view kEcdsaPrefix = "ecdsa";
-// The ECDSA key type names a strict reading knows; each ends in its curve's
-// identifier, which the key buffer repeats.
-constexpr std::string_view kEcdsaTypePrefix = "ecdsa-sha2-";
-constexpr std::string_view kEcdsaTypes[] = {"ecdsa-sha2-nistp192", "ecdsa-sha2-nistp256",
-                                            "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521"};
 
 // Components in blob order.
 constexpr const char *kRsaBlobOrder[] = {OSSL_PKEY_PARAM_RSA_E, OSSL_PKEY_PARAM_RSA_N};
@@ -258,24 +253,17 @@ bool padded_only_at_end(std::string_view text) noexcept {
     return pad == std::string_view::npos || text.find_first_not_of('=', pad) == std::string_view::npos;
 }
 
-bool is_strict_ecdsa_type(std::string_view type) noexcept {
-    for (const std::string_view known : kEcdsaTypes) {
-        if (type == known) return true;
-    }
-    return false;
-}
-
-// What follows an ECDSA type name, as OpenSSH reads it: the curve identifier
-// the type name ends with, one uncompressed point, nothing after it; the
-// point must be one the ECDSA reader accepts.
-bool strict_ecdsa_tail(std::string_view type, ByteReader in) noexcept {
+// What follows the ECDSA type name of a curve, as OpenSSH reads it: the
+// curve identifier the type name ends with, one uncompressed point, nothing
+// after it; the point must be one the ECDSA reader accepts.
+bool strict_ecdsa_tail(const pkey::curves::Curve &curve, ByteReader in) noexcept {
     const ByteReader tail = in;
-    std::span<const unsigned char> curve;
+    std::span<const unsigned char> id;
     std::span<const unsigned char> point;
-    if (!in.read_length_prefixed(curve) || !in.read_length_prefixed(point) || !in.empty())
+    if (!in.read_length_prefixed(id) || !in.read_length_prefixed(point) || !in.empty())
         return false;
-    const std::string_view curveId(reinterpret_cast<const char *>(curve.data()), curve.size());
-    if (type.substr(kEcdsaTypePrefix.size()) != curveId) return false;
+    if (curve.ssh_id != std::string_view(reinterpret_cast<const char *>(id.data()), id.size()))
+        return false;
     if (point.empty() || point[0] != POINT_CONVERSION_UNCOMPRESSED) return false;
     if (tail.remaining() > UINT32_MAX) return false;
     const EvpPkeyPtr key(
@@ -315,8 +303,8 @@ bool same_components(const EVP_PKEY *a, const EVP_PKEY *b, ComponentNames names)
 // Both public points compared on the second key's group; the curves
 // themselves are not compared, but a point off that group's curve differs.
 bool points_equal(const EVP_PKEY *a, const EVP_PKEY *b) noexcept {
-    const int nid = pkey::pubkey::ec_curve_nid(b);
-    const EC_GROUP *group = pkey::ec::curve_group(nid);
+    const int nid = pkey::curves::nid_of_key(b);
+    const EC_GROUP *group = pkey::curves::group(nid);
     EcGroupPtr other;
     if (group == nullptr && nid != NID_undef) {
         other.reset(EC_GROUP_new_by_curve_name(nid));
@@ -466,8 +454,8 @@ int PKEY_PUBKEY_IsBase64BlobStrict(const char *text, const char *typeName) {
         } else if (type == kSshDss) {
             strict = strict_mpints(in, std::size(kDsaBlobOrder)) &&
                      public_key_from_blob("DSA", kDsaBlobOrder, in) != nullptr;
-        } else if (is_strict_ecdsa_type(type)) {
-            strict = strict_ecdsa_tail(type, in);
+        } else if (const pkey::curves::Curve *curve = pkey::curves::by_ssh_type(type)) {
+            strict = strict_ecdsa_tail(*curve, in);
         }
         ERR_pop_to_mark();
         return strict ? 1 : 0;

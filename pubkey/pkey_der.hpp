@@ -10,9 +10,8 @@
 // however small the difference, goes to OpenSSL's own decoder, so every
 // input gives the result d2i_PUBKEY / d2i_PrivateKey would give.
 //
-// The same reader takes apart the encoding of an EC public key whose curve
-// parameters are spelled out, so that such a key can be stored, and judged,
-// by the named curve those parameters describe.
+// An EC public key whose curve parameters are spelled out is stored naming
+// the curve those parameters describe.
 #pragma once
 
 #include <openssl/evp.h>
@@ -37,11 +36,6 @@ SpkiResult decode_public_key(std::span<const unsigned char> der) noexcept;
 // As d2i_PrivateKey(EVP_PKEY_EC, ...) on the bytes.
 EvpPkeyPtr decode_ec_private_key(std::span<const unsigned char> der) noexcept;
 
-// A public EC key on the named curve (P-192, P-224, P-256, P-384, P-521 by
-// NID) holding the encoded point, which must lie on the curve; the key names
-// its curve when encoded. NULL when OpenSSL refuses the point.
-EvpPkeyPtr ec_public_key(int curve_nid, std::span<const unsigned char> point) noexcept;
-
 // DER bytes from OpenSSL's allocator, with their count.
 struct DerBytes {
     OpensslPtr<> bytes;
@@ -65,11 +59,5 @@ DerBytes name_ec_curve(DerBytes spki) noexcept;
 // The form in which peer keys are stored: public_key_der with an EC key's
 // curve named whenever it has a name, whatever encoding the key is marked for.
 DerBytes encode_public_key(const EVP_PKEY *key) noexcept;
-
-// The named curve of an EC key as its encoding gives it, naming the curve or
-// listing its parameters; NID_undef for parameters of no named curve and for
-// keys that are not EC. Costs an encoding of the key: for a key that knows its
-// group's name, asking EVP_PKEY_get_group_name is far cheaper.
-int encoded_curve_nid(const EVP_PKEY *key) noexcept;
 
 }  // namespace pkey::der

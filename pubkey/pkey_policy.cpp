@@ -1,16 +1,13 @@
 // Algorithm numbering and the key-size, curve and FIPS policy.
 #include <openssl/core_names.h>
-#include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/obj_mac.h>
-#include <openssl/objects.h>
 
+#include "pkey_curves.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
-#include "pkey_pubkey_internal.hpp"
 #include "pkey_util.hpp"
-#include "pubkey/pkey_der.hpp"
 
 namespace {
 
@@ -67,24 +64,6 @@ bool ec_possible(const EVP_PKEY *key) noexcept {
 }
 
 }  // namespace
-
-namespace pkey::pubkey {
-
-int ec_curve_nid(const EVP_PKEY *key) noexcept {
-    char name[80];
-    size_t len = 0;
-    if (EVP_PKEY_get_group_name(key, name, sizeof name, &len) == 1 && len > 0) {
-        int nid = OBJ_sn2nid(name);
-        if (nid == NID_undef) nid = EC_curve_nist2nid(name);
-        if (nid == NID_undef) nid = OBJ_ln2nid(name);
-        if (nid != NID_undef) return nid;
-    }
-    // A key whose curve parameters are spelled out may carry no name for
-    // them; the parameters themselves say which curve, if any, they are.
-    return pkey::der::encoded_curve_nid(key);
-}
-
-}  // namespace pkey::pubkey
 
 extern "C" {
 
@@ -151,7 +130,7 @@ int PKEY_PUBKEY_IsKeyLenValid(const EVP_PKEY *key) {
             // The ceiling holds in both modes.
             return bits >= lower && bits <= PKEY_RSA_DSA_MAX_BITS ? 1 : 0;
         }
-        case EVP_PKEY_EC: return PKEY_IsValidECDSACurve(pkey::pubkey::ec_curve_nid(key));
+        case EVP_PKEY_EC: return PKEY_IsValidECDSACurve(pkey::curves::nid_of_key(key));
         default: return 0;
     }
 }
