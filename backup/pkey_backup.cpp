@@ -36,7 +36,7 @@ int _backup_CopyDefaultKeyFile(const char *srcDir, const char *dstDir, const cha
 
 extern "C" {
 
-int PKEY_BACKUP_IsNodeStatusNormal(unsigned int node) {
+int PKEY_BACKUP_IsNodeStatusNormal(unsigned int node) noexcept {
     int status = 0;
     if (DEV_GetDeviceStatusEx(node & kNodeMask, kAllStatus, &status) != 0) return 0;
     return status == DEV_STATUS_NORMAL ? 1 : 0;
@@ -44,7 +44,7 @@ int PKEY_BACKUP_IsNodeStatusNormal(unsigned int node) {
 
 void PKEY_BACKUP_SndRtLocalKey(unsigned int algId, unsigned int length, const void *data,
                                const char *name, PKEY_BACKUP_FILE_OP fileOp,
-                               unsigned int keyKind) {
+                               unsigned int keyKind) noexcept {
     if (fileOp == nullptr || pkey::is_escaping_key_name(name)) return;
     unsigned int count = 0;
     unsigned short *nodes = DEV_GetAllStandbyNodes(&count);
@@ -57,12 +57,12 @@ void PKEY_BACKUP_SndRtLocalKey(unsigned int algId, unsigned int length, const vo
     std::free(nodes);
 }
 
-int PKEY_BACKUP_Batch(unsigned int node) {
+int PKEY_BACKUP_Batch(unsigned int node) noexcept {
     (void)PKEY_BACKUP_BatchMemProc(node);
     return PKEY_BACKUP_BatchDevProc(node);
 }
 
-int PKEY_BACKUP_BatchMemProc(unsigned int node) {
+int PKEY_BACKUP_BatchMemProc(unsigned int node) noexcept {
     char root[kMemRootLen];
     if (const int r = FS_GetNodePathName(kMemRoot, node & kNodeMask, sizeof root, root); r != 0)
         return r;
@@ -72,7 +72,7 @@ int PKEY_BACKUP_BatchMemProc(unsigned int node) {
     return PKEY_FS_RemovePkeyDir(kKeyRoot, root);
 }
 
-int PKEY_BACKUP_BatchDevProc(unsigned int node) {
+int PKEY_BACKUP_BatchDevProc(unsigned int node) noexcept {
     char local[kWorkDirLen] = "";
     char remote[kWorkDirLen] = "";
     if (const int r = FS_GetLocalDefaultWorkDir(sizeof local, local); r != 0) return r;

@@ -16,7 +16,7 @@ constexpr const char *kServerKeyName = "serverkey";
 
 extern "C" {
 
-int PKEY_CFGMNG_CopyFile2File(const char *src, const char *dst) {
+int PKEY_CFGMNG_CopyFile2File(const char *src, const char *dst) noexcept {
     unsigned int len = 0;
     void *data = PKEY_FS_ReadDataFromVFS(src, &len);
     if (data == nullptr) return static_cast<int>(PKEY_ERR_FAILED);
@@ -24,7 +24,7 @@ int PKEY_CFGMNG_CopyFile2File(const char *src, const char *dst) {
     return PKEY_FS_WriteDataToVFS(owned.data(), len, dst);
 }
 
-void PKEY_CFGMNG_UpdateLocKeyMemFiles(void) {
+void PKEY_CFGMNG_UpdateLocKeyMemFiles(void) noexcept {
     char work[PKEY_PATH_LEN];
     if (FS_GetLocalDefaultWorkDir(PKEY_PATH_LEN, work) != 0) return;
     // Without a memory root every destination below would be a wrong path.

@@ -257,7 +257,7 @@ void purge_peer_keys() noexcept {
 
 extern "C" {
 
-int PKEY_CFGMNG_OpenDBM(int mode) {
+int PKEY_CFGMNG_OpenDBM(int mode) noexcept {
     DBM_OPEN_OPTIONS_S options{};
     options.uiWord0 = 1;
     options.uiWord1 = 0;
@@ -268,7 +268,7 @@ int PKEY_CFGMNG_OpenDBM(int mode) {
     return DBM_Open(kDatabase, kDatabase, mode, &options, &handle) == 0 ? handle : -1;
 }
 
-unsigned int PKEY_CFGMNG_Save(const char *name, unsigned int len, const unsigned char *der) {
+unsigned int PKEY_CFGMNG_Save(const char *name, unsigned int len, const unsigned char *der) noexcept {
     if (name == nullptr || der == nullptr) return PKEY_ERR_FAILED;
     const DbHandle db(PKEY_CFGMNG_MODE_SAVE);
     if (!db.ok()) return PKEY_ERR_FAILED;
@@ -276,21 +276,21 @@ unsigned int PKEY_CFGMNG_Save(const char *name, unsigned int len, const unsigned
         DBM_SetBinary(db.get(), name, name_len(name), kWholeValue, len, der, kPeerValueType));
 }
 
-unsigned int PKEY_CFGMNG_Delete(const char *name) {
+unsigned int PKEY_CFGMNG_Delete(const char *name) noexcept {
     if (name == nullptr) return PKEY_ERR_FAILED;
     const DbHandle db(PKEY_CFGMNG_MODE_DELETE);
     if (!db.ok()) return 0;  // nothing can be stored under the name either
     return static_cast<unsigned int>(DBM_DeleteKey(db.get(), name, name_len(name)));
 }
 
-unsigned char *PKEY_CFGMNG_GetPeerPubKeyValue(const char *name, unsigned int *len) {
+unsigned char *PKEY_CFGMNG_GetPeerPubKeyValue(const char *name, unsigned int *len) noexcept {
     if (name == nullptr || len == nullptr) return nullptr;
     PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey();
     const DbHandle db(PKEY_CFGMNG_MODE_READ);
     return db.ok() ? _cfgmng_GetPeerPubKeyValue(db.get(), name, len) : nullptr;
 }
 
-char *PKEY_CFGMNG_GetPeerPubKeyList(int handle, unsigned int *count) {
+char *PKEY_CFGMNG_GetPeerPubKeyList(int handle, unsigned int *count) noexcept {
     if (count == nullptr) return nullptr;
     *count = 0;
     return pkey::c_boundary<char *>(nullptr, [&]() -> char * {
@@ -316,7 +316,7 @@ char *PKEY_CFGMNG_GetPeerPubKeyList(int handle, unsigned int *count) {
     });
 }
 
-PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle, unsigned int *count) {
+PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle, unsigned int *count) noexcept {
     if (count == nullptr) return nullptr;
     *count = 0;
     auto *head = static_cast<PKEY_NAME_LINK_S *>(std::malloc(sizeof(PKEY_NAME_LINK_S)));
@@ -369,7 +369,7 @@ PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle, unsigned int 
     return head;
 }
 
-void PKEY_CFGMNG_DestroySortedPeerKeyNameList(PKEY_NAME_LINK_S *head) {
+void PKEY_CFGMNG_DestroySortedPeerKeyNameList(PKEY_NAME_LINK_S *head) noexcept {
     if (head == nullptr) return;
     for (PKEY_NAME_LINK_S *link = head->pstNext; link != head && link != nullptr;) {
         PKEY_NAME_LINK_S *next = link->pstNext;
@@ -380,7 +380,7 @@ void PKEY_CFGMNG_DestroySortedPeerKeyNameList(PKEY_NAME_LINK_S *head) {
     std::free(head);
 }
 
-void PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey(void) {
+void PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey(void) noexcept {
     if (CRYPTO_FIPSIsEnabled() != 1) return;
     pkey::c_boundary_void([] { purge_peer_keys(); });
 }

@@ -283,13 +283,13 @@ EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
 
 extern "C" {
 
-EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len) {
+EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         return pkey::ec::read_public_key(buf, len, pkey::ec::PointValidation::kFast).release();
     });
 }
 
-char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) {
+char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) noexcept {
     return pkey::c_boundary<char *>(nullptr, [&]() -> char * {
         if (pkey == nullptr || outLen == nullptr) return nullptr;
         const int nid = pkey::curves::nid_of_key(pkey);

@@ -155,7 +155,7 @@ bool for_each_entry(DIR *dir, Fn &&fn) {
 
 extern "C" {
 
-int PKEY_FS_OpenLock(const char *path) {
+int PKEY_FS_OpenLock(const char *path) noexcept {
     if (path == nullptr) return -1;
     struct stat st {};
     const int fd = open_regular_unheld(path, O_RDONLY, 0600, st);
@@ -163,7 +163,7 @@ int PKEY_FS_OpenLock(const char *path) {
     return lock_or_close(fd, st);
 }
 
-int PKEY_FS_OpenCreateLock(const char *path) {
+int PKEY_FS_OpenCreateLock(const char *path) noexcept {
     if (path == nullptr || PKEY_FS_MakeDir(path) != 0) return -1;
     struct stat st {};
     // No O_TRUNC: a file that is not regular, or that this thread holds (the
@@ -188,14 +188,14 @@ int PKEY_FS_OpenCreateLock(const char *path) {
     return lock_or_close(fd, st);
 }
 
-int PKEY_FS_CloseUnLock(int fd) {
+int PKEY_FS_CloseUnLock(int fd) noexcept {
     if (fd == -1) return -1;
     forget_held(fd);
     (void)flock(fd, LOCK_UN);
     return close(fd);
 }
 
-int PKEY_FS_MakeDir(const char *path) {
+int PKEY_FS_MakeDir(const char *path) noexcept {
     if (path == nullptr) return static_cast<int>(PKEY_ERR_FAILED);
     char dir[PKEY_PATH_LEN];
     const char *start = path;  // first character not yet handled
@@ -222,18 +222,18 @@ int PKEY_FS_MakeDir(const char *path) {
     return 0;
 }
 
-int PKEY_FS_IsFileExisted(const char *path) {
+int PKEY_FS_IsFileExisted(const char *path) noexcept {
     struct stat st {};
     // A link is not a key file, whatever it points to.
     return path != nullptr && lstat(path, &st) == 0 && S_ISREG(st.st_mode) ? 1 : 0;
 }
 
-int PKEY_FS_IsDirExisted(const char *path) {
+int PKEY_FS_IsDirExisted(const char *path) noexcept {
     struct stat st {};
     return path != nullptr && stat(path, &st) == 0 && S_ISDIR(st.st_mode) ? 1 : 0;
 }
 
-void *PKEY_FS_ReadDataFromVFS(const char *path, unsigned int *len) {
+void *PKEY_FS_ReadDataFromVFS(const char *path, unsigned int *len) noexcept {
     if (path == nullptr || len == nullptr) return nullptr;
     return pkey::c_boundary<void *>(nullptr, [&]() -> void * {
         const int fd = PKEY_FS_OpenLock(path);
@@ -252,13 +252,13 @@ void *PKEY_FS_ReadDataFromVFS(const char *path, unsigned int *len) {
     });
 }
 
-int PKEY_FS_WriteDataToVFSWithFd(const void *buf, unsigned int len, int fd) {
+int PKEY_FS_WriteDataToVFSWithFd(const void *buf, unsigned int len, int fd) noexcept {
     if (buf == nullptr && len != 0) return static_cast<int>(PKEY_ERR_FAILED);
     return write_once(fd, buf, len) == static_cast<ssize_t>(len) ? 0
                                                                  : static_cast<int>(PKEY_ERR_FAILED);
 }
 
-int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len, const char *path) {
+int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len, const char *path) noexcept {
     const int fd = PKEY_FS_OpenCreateLock(path);
     if (fd == -1) return static_cast<int>(PKEY_ERR_FAILED);
     const int r = PKEY_FS_WriteDataToVFSWithFd(buf, len, fd);
@@ -268,13 +268,13 @@ int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len, const char *path) 
     return r;
 }
 
-int PKEY_FS_RemoveFileFromVFS(int /*ignored1*/, int /*ignored2*/, const char *path) {
+int PKEY_FS_RemoveFileFromVFS(int /*ignored1*/, int /*ignored2*/, const char *path) noexcept {
     if (path == nullptr) return static_cast<int>(PKEY_ERR_FAILED);
     if (remove(path) == 0 || errno == ENOENT) return 0;
     return static_cast<int>(PKEY_ERR_FAILED);
 }
 
-int PKEY_FS_CopyFileByFullName(const char *src, const char *dst) {
+int PKEY_FS_CopyFileByFullName(const char *src, const char *dst) noexcept {
     const int sfd = PKEY_FS_OpenLock(src);
     if (sfd == -1) return -1;
     pkey::c_boundary_void([&] {
@@ -292,7 +292,7 @@ int PKEY_FS_CopyFileByFullName(const char *src, const char *dst) {
     return PKEY_FS_CloseUnLock(sfd);
 }
 
-int PKEY_FS_RemovePkeyDir(const char *subDir, const char *base) {
+int PKEY_FS_RemovePkeyDir(const char *subDir, const char *base) noexcept {
     if (subDir == nullptr || base == nullptr) return static_cast<int>(PKEY_ERR_FAILED);
     char dir[PKEY_PATH_LEN];
     scnprintf(dir, sizeof dir, "%s%s", base, subDir);
@@ -313,7 +313,7 @@ int PKEY_FS_RemovePkeyDir(const char *subDir, const char *base) {
     return rmdir(dir) == 0 ? 0 : static_cast<int>(PKEY_ERR_FAILED);
 }
 
-int PKEY_FS_CopyPkeyDir(const char *subDir, const char *srcBase, const char *dstBase) {
+int PKEY_FS_CopyPkeyDir(const char *subDir, const char *srcBase, const char *dstBase) noexcept {
     if (subDir == nullptr || srcBase == nullptr || dstBase == nullptr) return 0;
     char src[PKEY_PATH_LEN];
     char dst[PKEY_PATH_LEN];

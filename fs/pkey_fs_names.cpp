@@ -35,21 +35,21 @@ int mem_root(char *out) {
 
 extern "C" {
 
-const char *PKEY_FS_GetKeyDir(unsigned int algId) {
+const char *PKEY_FS_GetKeyDir(unsigned int algId) noexcept {
     return algId < 4 ? g_apcPKEYKeyDir[algId] : "";
 }
 
-const char *PKEY_FS_GetDefaultKeyName(unsigned int algId) {
+const char *PKEY_FS_GetDefaultKeyName(unsigned int algId) noexcept {
     return algId < 4 ? g_apcPKEYDefaultKeyName[algId] : "";
 }
 
-const char *PKEY_FS_GetPKEYDefaultKeyName(unsigned int algId, unsigned int keyKind) {
+const char *PKEY_FS_GetPKEYDefaultKeyName(unsigned int algId, unsigned int keyKind) noexcept {
     return keyKind == PKEY_KEY_HOST ? PKEY_FS_GetDefaultKeyName(algId) : kServerKeyName;
 }
 
-int PKEY_FS_CheckMemStatus(void) { return Mem_Alert_GetCurrentState() == 0 ? 1 : 0; }
+int PKEY_FS_CheckMemStatus(void) noexcept { return Mem_Alert_GetCurrentState() == 0 ? 1 : 0; }
 
-const char *PKEY_FS_StrEndString(const char *str, const char *suffix) {
+const char *PKEY_FS_StrEndString(const char *str, const char *suffix) noexcept {
     if (str == nullptr || suffix == nullptr) return nullptr;
     const size_t n = std::strlen(str);
     const size_t m = std::strlen(suffix);
@@ -58,30 +58,30 @@ const char *PKEY_FS_StrEndString(const char *str, const char *suffix) {
     return std::memcmp(ending, suffix, m) == 0 ? ending : nullptr;
 }
 
-int PKEY_FS_GetLocKeyMemDirByAlgId(unsigned int algId, char *out) {
+int PKEY_FS_GetLocKeyMemDirByAlgId(unsigned int algId, char *out) noexcept {
     if (out == nullptr) return 0;
     char root[PKEY_PATH_LEN];
     pkey::fs::mem_root(root);
     return scnprintf(out, PKEY_PATH_LEN, "%s%s", root, PKEY_FS_GetKeyDir(algId));
 }
 
-int PKEY_FS_GetPkeyMemDir(char *out) {
+int PKEY_FS_GetPkeyMemDir(char *out) noexcept {
     if (out == nullptr) return 0;
     char root[PKEY_PATH_LEN];
     pkey::fs::mem_root(root);
     return scnprintf(out, PKEY_PATH_LEN, "%s%s", root, kKeyRoot);
 }
 
-int PKEY_FS_MakeMemFilePrefix(unsigned int node, char *out) {
+int PKEY_FS_MakeMemFilePrefix(unsigned int node, char *out) noexcept {
     return FS_GetNodePathName(kMemRoot, node & kNodeMask, PKEY_PATH_LEN, out);
 }
 
-int PKEY_FS_MakeDevFilePrefix(unsigned int node, char *out) {
+int PKEY_FS_MakeDevFilePrefix(unsigned int node, char *out) noexcept {
     return FS_GetNodeDefaultWorkDir(node & kNodeMask, PKEY_PATH_LEN, out);
 }
 
 int PKEY_FS_MakeFullFileName(unsigned int algId, unsigned int keyKind, unsigned int node,
-                             const char *name, PKEY_FS_PREFIX_FN prefixFn, char *out) {
+                             const char *name, PKEY_FS_PREFIX_FN prefixFn, char *out) noexcept {
     if (algId >= PKEY_ALG_UNSUPPORTED || out == nullptr || prefixFn == nullptr) return 0;
     if (name == nullptr) name = "";
     const int r = prefixFn(node & kNodeMask, out);

@@ -22,23 +22,23 @@ extern "C" {
 typedef int (*PKEY_BACKUP_FILE_OP)(const void *data, unsigned int length, const char *path);
 
 /* 1 if the platform reports the node's status as normal, else 0. */
-PKEY_API int PKEY_BACKUP_IsNodeStatusNormal(unsigned int node);
+PKEY_API int PKEY_BACKUP_IsNodeStatusNormal(unsigned int node) PKEY_NOEXCEPT;
 /* Runs fileOp on the device copy's name of the key on every standby node;
  * failures are ignored. Does nothing for a key name that contains "/" or is
  * "." or "..": such a name would lead out of the key directory. */
 PKEY_API void PKEY_BACKUP_SndRtLocalKey(unsigned int algId, unsigned int length, const void *data,
                                         const char *name, PKEY_BACKUP_FILE_OP fileOp,
-                                        unsigned int keyKind);
+                                        unsigned int keyKind) PKEY_NOEXCEPT;
 /* Memory clean-up, then the flash copy; returns the flash copy's result,
  * which is that of copying the ECDSA host key (-1 when this node has none). */
-PKEY_API int PKEY_BACKUP_Batch(unsigned int node);
+PKEY_API int PKEY_BACKUP_Batch(unsigned int node) PKEY_NOEXCEPT;
 /* Removes the node's memory key directories; the platform's code if its
  * memory root cannot be resolved, else the result of removing "/pkey/". */
-PKEY_API int PKEY_BACKUP_BatchMemProc(unsigned int node);
+PKEY_API int PKEY_BACKUP_BatchMemProc(unsigned int node) PKEY_NOEXCEPT;
 /* Replaces the node's flash key store with a copy of this node's. The
  * platform's code if a work directory cannot be resolved; PKEY_ERR_FAILED
  * (and nothing touched) if the node's work directory is this node's own. */
-PKEY_API int PKEY_BACKUP_BatchDevProc(unsigned int node);
+PKEY_API int PKEY_BACKUP_BatchDevProc(unsigned int node) PKEY_NOEXCEPT;
 
 #ifdef __cplusplus
 }

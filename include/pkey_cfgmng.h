@@ -28,10 +28,10 @@ extern "C" {
 
 /* Fills an absent memory key directory from flash; does nothing when it is
  * present. Copies that fail (a key never made) are skipped silently. */
-PKEY_API void PKEY_CFGMNG_UpdateLocKeyMemFiles(void);
+PKEY_API void PKEY_CFGMNG_UpdateLocKeyMemFiles(void) PKEY_NOEXCEPT;
 /* Copies a whole file: 0, PKEY_ERR_FAILED when src cannot be read, or the
  * write's result. */
-PKEY_API int PKEY_CFGMNG_CopyFile2File(const char *src, const char *dst);
+PKEY_API int PKEY_CFGMNG_CopyFile2File(const char *src, const char *dst) PKEY_NOEXCEPT;
 
 /* ---- Peer key store ------------------------------------------------------ */
 
@@ -58,29 +58,29 @@ typedef struct tagPKEY_NAME_NODE {
 } PKEY_NAME_NODE_S;
 
 /* A handle of the "PKEY" database in a mode, or -1. Close with DBM_Close. */
-PKEY_API int PKEY_CFGMNG_OpenDBM(int mode);
+PKEY_API int PKEY_CFGMNG_OpenDBM(int mode) PKEY_NOEXCEPT;
 /* Stores (or replaces) the DER of a peer key: PKEY_ERR_FAILED when the
  * database cannot be opened, else the database's result. */
 PKEY_API unsigned int PKEY_CFGMNG_Save(const char *name, unsigned int len,
-                                       const unsigned char *der);
+                                       const unsigned char *der) PKEY_NOEXCEPT;
 /* Deletes a peer key: 0 when the database cannot be opened, else the
  * database's result. */
-PKEY_API unsigned int PKEY_CFGMNG_Delete(const char *name);
+PKEY_API unsigned int PKEY_CFGMNG_Delete(const char *name) PKEY_NOEXCEPT;
 /* The stored DER of a name (free with free()), its length in *len; NULL when
  * there is none. Runs the FIPS purge first. */
-PKEY_API unsigned char *PKEY_CFGMNG_GetPeerPubKeyValue(const char *name, unsigned int *len);
+PKEY_API unsigned char *PKEY_CFGMNG_GetPeerPubKeyValue(const char *name, unsigned int *len) PKEY_NOEXCEPT;
 /* In FIPS mode, deletes every stored key that decodes and is too weak for
  * the mode (those already examined by an earlier purge are known not to be,
  * unless written again since); outside FIPS mode does nothing. */
-PKEY_API void PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey(void);
+PKEY_API void PKEY_CFGMNG_DestroyNonFIPSApprovedPeerPubKey(void) PKEY_NOEXCEPT;
 /* The names of an open database in table order, in slots of
  * PKEY_CFGMNG_NAME_SLOT bytes (free with free()); NULL when there is none. */
-PKEY_API char *PKEY_CFGMNG_GetPeerPubKeyList(int handle, unsigned int *count);
+PKEY_API char *PKEY_CFGMNG_GetPeerPubKeyList(int handle, unsigned int *count) PKEY_NOEXCEPT;
 /* The names in ascending byte order (equal names in table order) as a
  * circular list with a head; NULL when there is none. Free with
  * PKEY_CFGMNG_DestroySortedPeerKeyNameList. */
-PKEY_API PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle, unsigned int *count);
-PKEY_API void PKEY_CFGMNG_DestroySortedPeerKeyNameList(PKEY_NAME_LINK_S *head);
+PKEY_API PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle, unsigned int *count) PKEY_NOEXCEPT;
+PKEY_API void PKEY_CFGMNG_DestroySortedPeerKeyNameList(PKEY_NAME_LINK_S *head) PKEY_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -24,10 +24,10 @@ extern "C" {
 /* Reads the curve identifier and point of an ECDSA key buffer: buf points at
  * the curve identifier's length field, len counts the bytes from there to the
  * end of the buffer (20 to 512). A new key, or NULL. */
-PKEY_API EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len);
+PKEY_API EVP_PKEY *PKEY_ReadECDSAPubKey(const unsigned char *buf, unsigned int len) PKEY_NOEXCEPT;
 /* The whole ECDSA key buffer of an EC key as one line of Base64; *outLen gets
  * the character count plus one. NULL on failure (*outLen untouched). */
-PKEY_API char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen);
+PKEY_API char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) PKEY_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -46,36 +46,36 @@ typedef struct tagPKEY_KEYCODE_ENTRY {
 /* The text inside a "public-key-code begin" / "public-key-code end" wrapper
  * (the end marker is overwritten with NUL), the whole text when there is no
  * wrapper, or NULL when anything but blanks stands outside the markers. */
-PKEY_API char *PKEY_PEER_PeerPubKeyPreProc(char *text);
+PKEY_API char *PKEY_PEER_PeerPubKeyPreProc(char *text) PKEY_NOEXCEPT;
 /* A key from an SSH2 public key block ("---- BEGIN SSH2 PUBLIC KEY ----"). */
-PKEY_API EVP_PKEY *PKEY_PEER_ReadSSH2PubKey(char *text);
+PKEY_API EVP_PKEY *PKEY_PEER_ReadSSH2PubKey(char *text) PKEY_NOEXCEPT;
 /* A key from an OpenSSH line: key type, blanks, Base64, optional comment. */
-PKEY_API EVP_PKEY *PKEY_PEER_ReadOpenSSHPubKey(char *text);
+PKEY_API EVP_PKEY *PKEY_PEER_ReadOpenSSHPubKey(char *text) PKEY_NOEXCEPT;
 /* An RSA key from SSH1 text: bits, exponent and modulus in decimal. */
-PKEY_API EVP_PKEY *PKEY_PEER_ReadSSH1PubKey(char *text);
+PKEY_API EVP_PKEY *PKEY_PEER_ReadSSH1PubKey(char *text) PKEY_NOEXCEPT;
 
 /* ---- Key-code entry and peer key operations ------------------------------ */
 
 /* Decodes, checks and stores a finished key code entry (see
  * PKEY_KEYCODE_ENTRY_S). Prints the platform's message on most refusals. */
-PKEY_API unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry);
+PKEY_API unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) PKEY_NOEXCEPT;
 /* Checks a parsed key against the algorithm switches and the key-size
  * policy, then saves it under name. */
-PKEY_API unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name);
+PKEY_API unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name) PKEY_NOEXCEPT;
 /* Saves a key under name without any policy check. */
-PKEY_API unsigned int PKEY_SavePeerPubKey(EVP_PKEY *key, const char *name);
+PKEY_API unsigned int PKEY_SavePeerPubKey(EVP_PKEY *key, const char *name) PKEY_NOEXCEPT;
 /* Saves DER SubjectPublicKeyInfo bytes under name: the store's result. */
 PKEY_API unsigned int PKEY_PEER_SavePeerPubKey(const unsigned char *der, unsigned int derLen,
-                                               const char *name);
+                                               const char *name) PKEY_NOEXCEPT;
 /* Removes a key by name: the store's result (PKEY_ERR_FAILED for ""). */
-PKEY_API unsigned int PKEY_PEER_RemovePeerPubKeyByName(const char *name);
+PKEY_API unsigned int PKEY_PEER_RemovePeerPubKeyByName(const char *name) PKEY_NOEXCEPT;
 /* The stored key of a name, or NULL. In FIPS mode the store is first purged
  * of keys the mode does not allow, and a key another process saved since is
  * absent too: no listed name gives a refused key. */
-PKEY_API EVP_PKEY *PKEY_GetUserKeyByName(const char *name);
+PKEY_API EVP_PKEY *PKEY_GetUserKeyByName(const char *name) PKEY_NOEXCEPT;
 /* 1 if the key exists and may be used now, else 0. In FIPS mode a stored key
  * that is too weak is removed by this test. */
-PKEY_API unsigned int PKEY_IsPeerPubKeyExisted(const char *name);
+PKEY_API unsigned int PKEY_IsPeerPubKeyExisted(const char *name) PKEY_NOEXCEPT;
 
 #ifdef __cplusplus
 }

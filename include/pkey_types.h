@@ -22,6 +22,14 @@ extern "C" {
 #define PKEY_API
 #endif
 
+/* No exported function lets an exception out; C++ callers see that in its
+ * type, and the compiler and tidy checks hold every definition to it. */
+#ifdef __cplusplus
+#define PKEY_NOEXCEPT noexcept
+#else
+#define PKEY_NOEXCEPT
+#endif
+
 /* The library's one failure status. */
 #define PKEY_ERR_FAILED 0x40010001U
 

@@ -34,7 +34,7 @@ EVP_PKEY *generate_for(unsigned int algId, int curveNid, unsigned int bits) {
 extern "C" {
 
 int PKEY_LOCAL_GenerateOneKey(unsigned int algId, int curveNid, unsigned int keyKind,
-                              unsigned int bits, const char *name) {
+                              unsigned int bits, const char *name) noexcept {
     // A name the key file cannot be stored under is refused before the
     // (possibly long) generation.
     if (algId >= PKEY_ALG_UNSUPPORTED || name == nullptr || pkey::is_escaping_key_name(name))
@@ -46,7 +46,7 @@ int PKEY_LOCAL_GenerateOneKey(unsigned int algId, int curveNid, unsigned int key
     return PKEY_LOCAL_SaveLocalKey(algId, keyKind, key.get(), name);
 }
 
-int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) {
+int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) noexcept {
     if (request == nullptr) return PKEY_ERR_FAILED;
     char name[PKEY_KEYGEN_NAME_LEN];
     pkey::local::request_name(*request, name);
@@ -66,7 +66,7 @@ int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) {
     return r;
 }
 
-int PKEY_UpdateServerKey(int evpType, const char *name) {
+int PKEY_UpdateServerKey(int evpType, const char *name) noexcept {
     if (name == nullptr || pkey::is_escaping_key_name(name) ||
         PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType)) != PKEY_ALG_RSA)
         return PKEY_ERR_FAILED;
@@ -82,11 +82,11 @@ int PKEY_UpdateServerKey(int evpType, const char *name) {
     return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_RSA, 0, PKEY_KEY_SERVER, server_bits, name);
 }
 
-int PKEY_SaveHostKey(EVP_PKEY *key) {
+int PKEY_SaveHostKey(EVP_PKEY *key) noexcept {
     return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_HOST);
 }
 
-int PKEY_SaveServerKey(EVP_PKEY *key) {
+int PKEY_SaveServerKey(EVP_PKEY *key) noexcept {
     // Any supported key is stored as the one server key file; its algorithm
     // is deliberately not checked.
     return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);

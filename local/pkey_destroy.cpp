@@ -21,7 +21,7 @@ int remove_on_node(const void * /*data*/, unsigned int /*length*/, const char *p
 
 extern "C" {
 
-int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind, const char *name) {
+int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind, const char *name) noexcept {
     if (name == nullptr || pkey::is_escaping_key_name(name)) return PKEY_ERR_FAILED;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     const unsigned int node = DEV_GetSelf();
@@ -55,7 +55,7 @@ int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind, const cha
     return result;
 }
 
-int PKEY_LOCAL_DestroyKey(const PKEY_KEYGEN_REQ_S *request) {
+int PKEY_LOCAL_DestroyKey(const PKEY_KEYGEN_REQ_S *request) noexcept {
     if (request == nullptr) return PKEY_ERR_FAILED;
     char name[PKEY_KEYGEN_NAME_LEN];
     pkey::local::request_name(*request, name);

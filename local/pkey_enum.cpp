@@ -89,7 +89,7 @@ PKEY_LOCAL_KEY_INFO_S *with_step(PKEY_LOCAL_KEY_INFO_S *info, struct dirent *pos
 extern "C" {
 
 PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetLocPubKeyInfo(unsigned int algId, unsigned int keyKind,
-                                                   const char *name) {
+                                                   const char *name) noexcept {
     if (name == nullptr) name = "";
     auto *info = static_cast<PKEY_LOCAL_KEY_INFO_S *>(std::calloc(1, sizeof(PKEY_LOCAL_KEY_INFO_S)));
     if (info == nullptr) return nullptr;
@@ -121,7 +121,7 @@ PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetLocPubKeyInfo(unsigned int algId, unsigned 
     return info;
 }
 
-PKEY_LOCAL_NEXT_HANDLE_S *PKEY_LOCAL_GetNextInit(unsigned int algId) {
+PKEY_LOCAL_NEXT_HANDLE_S *PKEY_LOCAL_GetNextInit(unsigned int algId) noexcept {
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     auto *handle =
         static_cast<PKEY_LOCAL_NEXT_HANDLE_S *>(std::calloc(1, sizeof(PKEY_LOCAL_NEXT_HANDLE_S)));
@@ -138,7 +138,7 @@ PKEY_LOCAL_NEXT_HANDLE_S *PKEY_LOCAL_GetNextInit(unsigned int algId) {
     return handle;
 }
 
-PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetFirst(PKEY_LOCAL_NEXT_HANDLE_S *handle) {
+PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetFirst(PKEY_LOCAL_NEXT_HANDLE_S *handle) noexcept {
     if (handle == nullptr) return nullptr;
     const unsigned int next =
         handle->uiAlgId == PKEY_ALG_RSA ? PKEY_INFO_NEXT_SERVER : PKEY_INFO_NEXT_DIR;
@@ -147,7 +147,7 @@ PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetFirst(PKEY_LOCAL_NEXT_HANDLE_S *handle) {
 }
 
 PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetNext(PKEY_LOCAL_NEXT_HANDLE_S *handle,
-                                          PKEY_LOCAL_KEY_INFO_S *previous) {
+                                          PKEY_LOCAL_KEY_INFO_S *previous) noexcept {
     if (handle == nullptr || previous == nullptr) return nullptr;
     if ((previous->uiFlags & PKEY_INFO_NEXT_SERVER) != 0) {
         return with_step(PKEY_LOCAL_GetLocPubKeyInfo(handle->uiAlgId, PKEY_KEY_SERVER, ""),
@@ -165,19 +165,19 @@ PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetNext(PKEY_LOCAL_NEXT_HANDLE_S *handle,
                      PKEY_INFO_NEXT_DIR);
 }
 
-void PKEY_LOCAL_DestoryNextHandle(PKEY_LOCAL_NEXT_HANDLE_S *handle) {
+void PKEY_LOCAL_DestoryNextHandle(PKEY_LOCAL_NEXT_HANDLE_S *handle) noexcept {
     if (handle == nullptr) return;
     if (handle->pstDir != nullptr) closedir(handle->pstDir);
     std::free(handle->pstEntry);
     std::free(handle);
 }
 
-void PKEY_LOCAL_GetNextFinal(PKEY_LOCAL_NEXT_HANDLE_S *handle) {
+void PKEY_LOCAL_GetNextFinal(PKEY_LOCAL_NEXT_HANDLE_S *handle) noexcept {
     PKEY_LOCAL_DestoryNextHandle(handle);
 }
 
 unsigned int PKEY_LOCAL_AppendBufFromSSH1(unsigned int /*algId*/, EVP_PKEY *key, const char *body,
-                                          const char *date, unsigned int size, char *buf) {
+                                          const char *date, unsigned int size, char *buf) noexcept {
     const unsigned int bits = PKEY_PUBKEY_GetPubKeySize(key);
     if (bits == 0 || body == nullptr || date == nullptr || buf == nullptr) return PKEY_ERR_FAILED;
     scnprintf(buf, size, "%u %s%s%s%s", bits, body, " rsa-key-", date, "\r\n");
@@ -185,7 +185,7 @@ unsigned int PKEY_LOCAL_AppendBufFromSSH1(unsigned int /*algId*/, EVP_PKEY *key,
 }
 
 unsigned int PKEY_LOCAL_AppendBufFromSSH2(unsigned int algId, EVP_PKEY *key, const char *body,
-                                          const char *date, unsigned int size, char *buf) {
+                                          const char *date, unsigned int size, char *buf) noexcept {
     if (body == nullptr || date == nullptr || buf == nullptr) return PKEY_ERR_FAILED;
     const std::string_view word = type_words(algId, key).comment_word;
     const char *quote = word.empty() ? "" : "\"";
@@ -197,7 +197,7 @@ unsigned int PKEY_LOCAL_AppendBufFromSSH2(unsigned int algId, EVP_PKEY *key, con
 }
 
 unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PKEY *key, const char *body,
-                                             const char * /*date*/, unsigned int size, char *buf) {
+                                             const char * /*date*/, unsigned int size, char *buf) noexcept {
     if (body == nullptr || buf == nullptr) return PKEY_ERR_FAILED;
     const TypeWords words = type_words(algId, key);
     const char *blank = words.openssh_type.empty() ? "" : " ";
@@ -206,7 +206,7 @@ unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PKEY *key, 
     return 0;
 }
 
-char *PKEY_LOCAL_GetPubKeyValue(unsigned int algId, unsigned int format, const char *name) {
+char *PKEY_LOCAL_GetPubKeyValue(unsigned int algId, unsigned int format, const char *name) noexcept {
     if (!format_allowed(algId, format) || name == nullptr) return nullptr;
     PKEY_KEY_WITH_TIME_S *stored = PKEY_LOCAL_ReadKeyToEvpPkey(algId, PKEY_KEY_HOST, name);
     if (stored == nullptr) return nullptr;
@@ -232,7 +232,7 @@ char *PKEY_LOCAL_GetPubKeyValue(unsigned int algId, unsigned int format, const c
 }
 
 int PKEY_LOCAL_ExportPubKey(unsigned int algId, const char *name, unsigned int format,
-                            const char *file) {
+                            const char *file) noexcept {
     if (file == nullptr) return PKEY_ERR_FAILED;
     pkey::MallocPtr<char> text(PKEY_LOCAL_GetPubKeyValue(algId, format, name));
     if (!text) return PKEY_ERR_FAILED;

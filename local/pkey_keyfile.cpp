@@ -70,7 +70,7 @@ int write_file_image(unsigned int alg, unsigned int kind, const unsigned char *i
 extern "C" {
 
 int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
-                                const unsigned char *record, unsigned int len, const char *name) {
+                                const unsigned char *record, unsigned int len, const char *name) noexcept {
     if (pkey::is_escaping_key_name(name)) return PKEY_ERR_FAILED;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     return pkey::c_boundary<int>(PKEY_ERR_FAILED, [&]() -> int {
@@ -101,7 +101,7 @@ int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
 }
 
 int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *key,
-                            const char *name) {
+                            const char *name) noexcept {
     if (key == nullptr || name == nullptr || pkey::is_escaping_key_name(name)) return PKEY_ERR_FAILED;
     unsigned int len = 0;
     unsigned char *built = PKEY_PUBKEY_ConvertKeyToStoreBuf(key, &len);
@@ -112,7 +112,7 @@ int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *
     return PKEY_LOCAL_WriteKeyBufToDev(algId, keyKind, record.data(), len, name);
 }
 
-int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key) {
+int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key) noexcept {
     if (key == nullptr || name == nullptr || name[0] == '\0' || pkey::is_escaping_key_name(name))
         return PKEY_ERR_FAILED;
     const unsigned int alg =
@@ -122,7 +122,7 @@ int PKEY_SaveLocalKey(const char *name, EVP_PKEY *key) {
 }
 
 int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in, unsigned int cap,
-                           unsigned char *out, unsigned int *outLen) {
+                           unsigned char *out, unsigned int *outLen) noexcept {
     if (in == nullptr || out == nullptr || outLen == nullptr) return PKEY_ERR_FAILED;
     pkey::record::Header header;
     if (cap < kHeaderLen || !pkey::record::parse_header({in, inLen}, header)) return PKEY_ERR_FAILED;
@@ -146,7 +146,7 @@ int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in, unsigned
 }
 
 unsigned char *PKEY_LOCAL_ReadKeyToBuf(unsigned int algId, unsigned int keyKind, const char *name,
-                                       unsigned int *len) {
+                                       unsigned int *len) noexcept {
     if (name == nullptr || len == nullptr || pkey::is_escaping_key_name(name)) return nullptr;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     return pkey::c_boundary<unsigned char *>(nullptr, [&]() -> unsigned char * {
@@ -166,13 +166,13 @@ unsigned char *PKEY_LOCAL_ReadKeyToBuf(unsigned int algId, unsigned int keyKind,
 }
 
 int PKEY_LOCAL_GetKeyStatusFromDataBuf(unsigned char *record, unsigned int len,
-                                       unsigned char *protection) {
+                                       unsigned char *protection) noexcept {
     if (record == nullptr) return 0;
     return pkey::record::check({record, len}, protection) ? 1 : 0;
 }
 
 PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId, unsigned int keyKind,
-                                                  const char *name) {
+                                                  const char *name) noexcept {
     unsigned int len = 0;
     unsigned char *plain = PKEY_LOCAL_ReadKeyToBuf(algId, keyKind, name, &len);
     if (plain == nullptr) return nullptr;
@@ -195,13 +195,13 @@ PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId, unsigned i
     return out;
 }
 
-void PKEY_LOCAL_DestoryEvpkeyWithTime(PKEY_KEY_WITH_TIME_S *keyWithTime) {
+void PKEY_LOCAL_DestoryEvpkeyWithTime(PKEY_KEY_WITH_TIME_S *keyWithTime) noexcept {
     if (keyWithTime == nullptr) return;
     EVP_PKEY_free(keyWithTime->pstKey);
     std::free(keyWithTime);
 }
 
-void PKEY_LOCAL_DestroyLocalKeyInfo(PKEY_LOCAL_KEY_INFO_S *info) {
+void PKEY_LOCAL_DestroyLocalKeyInfo(PKEY_LOCAL_KEY_INFO_S *info) noexcept {
     if (info == nullptr) return;
     std::free(info->pcPubKeyText);
     std::free(info);

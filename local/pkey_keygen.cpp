@@ -34,9 +34,9 @@ EVP_PKEY *generate_with(EVP_PKEY_CTX *ctx) noexcept {
 
 extern "C" {
 
-EVP_PKEY *PKEY_LOCAL_GenerateReserve(unsigned int /*bits*/) { return nullptr; }
+EVP_PKEY *PKEY_LOCAL_GenerateReserve(unsigned int /*bits*/) noexcept { return nullptr; }
 
-EVP_PKEY *PKEY_GenerateRSAKey(unsigned int bits) {
+EVP_PKEY *PKEY_GenerateRSAKey(unsigned int bits) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (!memory_ok()) return nullptr;
         EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
@@ -51,14 +51,14 @@ EVP_PKEY *PKEY_GenerateRSAKey(unsigned int bits) {
     });
 }
 
-EVP_PKEY *PKEY_GenerateDSAKey(unsigned int bits) {
+EVP_PKEY *PKEY_GenerateDSAKey(unsigned int bits) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (!memory_ok()) return nullptr;
         return pkey::local::generate_dsa_pair(bits);
     });
 }
 
-EVP_PKEY *PKEY_GenerateECKey(int curveNid) {
+EVP_PKEY *PKEY_GenerateECKey(int curveNid) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (curveNid == 0) return nullptr;
         if (PKEY_IsValidECDSACurve(curveNid) != 1) return nullptr;
@@ -72,7 +72,7 @@ EVP_PKEY *PKEY_GenerateECKey(int curveNid) {
     });
 }
 
-EVP_PKEY *PKEY_GeneratePKey(int evpType, unsigned int bits) {
+EVP_PKEY *PKEY_GeneratePKey(int evpType, unsigned int bits) noexcept {
     const unsigned int alg = PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType));
     if (alg >= PKEY_ALG_UNSUPPORTED) return nullptr;
     if (alg == PKEY_ALG_ECDSA) {
@@ -84,7 +84,7 @@ EVP_PKEY *PKEY_GeneratePKey(int evpType, unsigned int bits) {
     return g_apfPKEYGenerateKey[alg](bits);
 }
 
-unsigned int PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(unsigned int hostKeyBits) {
+unsigned int PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(unsigned int hostKeyBits) noexcept {
     // Every server key differs from its host key by at least 128 bits.
     if (hostKeyBits < PKEY_RSA_DSA_MIN_BITS || hostKeyBits > PKEY_RSA_DSA_MAX_BITS) return 0;
     if (hostKeyBits <= 640) return 768;

@@ -149,27 +149,27 @@ bool is_key_store_root_name(const char *file) noexcept {
 
 extern "C" {
 
-int PKEY_LOCAL_IsKeyNameCharValid(int c) {
+int PKEY_LOCAL_IsKeyNameCharValid(int c) noexcept {
     // Explicit ASCII ranges: the process locale must not widen the set.
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-'
                ? 1
                : 0;
 }
 
-int PKEY_CheckLocalKeyName(const char *name) {
+int PKEY_CheckLocalKeyName(const char *name) noexcept {
     if (name == nullptr || name[0] == '\0') return PKEY_ERR_FAILED;
     for (const char *p = name; *p != '\0'; ++p)
         if (PKEY_LOCAL_IsKeyNameCharValid(static_cast<unsigned char>(*p)) == 0) return PKEY_ERR_FAILED;
     return 0;
 }
 
-void PKEY_AdjustLocalKeyNameToValid(char *name) {
+void PKEY_AdjustLocalKeyNameToValid(char *name) noexcept {
     if (name == nullptr) return;
     for (char *p = name; *p != '\0'; ++p)
         if (PKEY_LOCAL_IsKeyNameCharValid(static_cast<unsigned char>(*p)) == 0) *p = '-';
 }
 
-EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKind, const char *name) {
+EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKind, const char *name) noexcept {
     unsigned int len = 0;
     unsigned char *plain = PKEY_LOCAL_ReadKeyToBuf(algId, keyKind, name, &len);
     if (plain == nullptr) return nullptr;
@@ -178,21 +178,21 @@ EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKind, const 
     return PKEY_PUBKEY_ConvertStoreBufToKey(algId, record.data(), len);
 }
 
-EVP_PKEY *PKEY_GetHostKey(int evpType, const char *name) {
+EVP_PKEY *PKEY_GetHostKey(int evpType, const char *name) noexcept {
     if (name == nullptr) return nullptr;
     const unsigned int alg = PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType));
     if (alg >= PKEY_ALG_UNSUPPORTED) return nullptr;
     return PKEY_LOCAL_GetLocKey(alg, PKEY_KEY_HOST, name);
 }
 
-EVP_PKEY *PKEY_GetServerKey(int evpType, const char *name) {
+EVP_PKEY *PKEY_GetServerKey(int evpType, const char *name) noexcept {
     if (name == nullptr ||
         PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType)) != PKEY_ALG_RSA)
         return nullptr;
     return PKEY_LOCAL_GetLocKey(PKEY_ALG_RSA, PKEY_KEY_SERVER, name);
 }
 
-int PKEY_LOCAL_IsKeyExist(unsigned int algId, const char *name) {
+int PKEY_LOCAL_IsKeyExist(unsigned int algId, const char *name) noexcept {
     if (name == nullptr || pkey::is_escaping_key_name(name)) return 0;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     char mem[PKEY_PATH_LEN] = "";
@@ -201,14 +201,14 @@ int PKEY_LOCAL_IsKeyExist(unsigned int algId, const char *name) {
     return PKEY_FS_IsFileExisted(mem);
 }
 
-int PKEY_IsKeyExist(int evpType, const char *name) {
+int PKEY_IsKeyExist(int evpType, const char *name) noexcept {
     if (name == nullptr || pkey::is_escaping_key_name(name)) return 0;
     const unsigned int alg = PKEY_PUBKEY_GetPkeyAlgIdByEvpId(static_cast<unsigned int>(evpType));
     if (alg >= PKEY_ALG_UNSUPPORTED) return 0;
     return PKEY_LOCAL_IsKeyExist(alg, name);
 }
 
-int PKEY_LOCAL_GetLocalKeyName(char *fileName) {
+int PKEY_LOCAL_GetLocalKeyName(char *fileName) noexcept {
     if (fileName == nullptr || std::strlen(fileName) < std::strlen(kKeyFileExt)) return PKEY_ERR_FAILED;
     char *ext = const_cast<char *>(PKEY_FS_StrEndString(fileName, kKeyFileExt));
     if (ext == nullptr) return PKEY_ERR_FAILED;
@@ -217,7 +217,7 @@ int PKEY_LOCAL_GetLocalKeyName(char *fileName) {
 }
 
 int PKEY_LOCAL_CheckFullFileName(const char *fullName, unsigned int mode, unsigned int flags,
-                                 unsigned int reserved) {
+                                 unsigned int reserved) noexcept {
     if (fullName == nullptr || FS_IsValidFullFileName(fullName, mode, flags, reserved) != 0)
         return PKEY_ERR_FAILED;
     // "./" also catches "../".
@@ -239,7 +239,7 @@ int PKEY_LOCAL_CheckFullFileName(const char *fullName, unsigned int mode, unsign
     return is_key_store_root_name(target.file) ? PKEY_ERR_FAILED : 0;
 }
 
-int PKEY_DestroyNonFIPSApprovedKeyPairs(const char *storagePath) {
+int PKEY_DestroyNonFIPSApprovedKeyPairs(const char *storagePath) noexcept {
     (void)_local_CheckKeyByStoragePath(storagePath, PKEY_ALG_RSA);
     (void)_local_CheckKeyByStoragePath(storagePath, PKEY_ALG_DSA);
     return _local_CheckKeyByStoragePath(storagePath, PKEY_ALG_ECDSA);

@@ -49,26 +49,26 @@ void mark_curve_named(EVP_PKEY *key) noexcept {
 extern "C" {
 
 unsigned int PKEY_PEER_SavePeerPubKey(const unsigned char *der, unsigned int derLen,
-                                      const char *name) {
+                                      const char *name) noexcept {
     if (is_empty(name)) return PKEY_ERR_FAILED;
     return PKEY_CFGMNG_Save(name, derLen, der);
 }
 
-unsigned int PKEY_PEER_RemovePeerPubKeyByName(const char *name) {
+unsigned int PKEY_PEER_RemovePeerPubKeyByName(const char *name) noexcept {
     if (is_empty(name)) return PKEY_ERR_FAILED;
     return PKEY_CFGMNG_Delete(name);
 }
 
 // Stored EC keys name their curve rather than spell out its parameters,
 // whatever encoding the key itself is marked for.
-unsigned int PKEY_SavePeerPubKey(EVP_PKEY *key, const char *name) {
+unsigned int PKEY_SavePeerPubKey(EVP_PKEY *key, const char *name) noexcept {
     if (key == nullptr || is_empty(name)) return PKEY_ERR_FAILED;
     const pkey::der::DerBytes der = pkey::der::encode_public_key(key);
     if (!der) return PKEY_ERR_FAILED;
     return save_der(der, name);
 }
 
-unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name) {
+unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name) noexcept {
     if (key == nullptr || is_empty(name)) return PKEY_ERR_FAILED;
     if (PKEY_PUBKEY_IsEvpAglEnable(key_type(key)) != 1) return PKEY_ERR_FAILED;
     // An EC key passes only on a named curve, spelled out or not.
@@ -80,7 +80,7 @@ unsigned int PKEY_EditKeyCode(EVP_PKEY *key, const char *name) {
     return PKEY_SavePeerPubKey(key, name);
 }
 
-unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
+unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) noexcept {
     if (entry == nullptr) return PKEY_ERR_FAILED;
     return pkey::c_boundary(PKEY_ERR_FAILED, [&]() -> unsigned int {
         const char *name = entry;
@@ -132,7 +132,7 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) {
     });
 }
 
-EVP_PKEY *PKEY_GetUserKeyByName(const char *name) {
+EVP_PKEY *PKEY_GetUserKeyByName(const char *name) noexcept {
     if (is_empty(name)) return nullptr;
     unsigned int len = 0;
     pkey::MallocPtr<unsigned char> value(PKEY_CFGMNG_GetPeerPubKeyValue(name, &len));
@@ -147,7 +147,7 @@ EVP_PKEY *PKEY_GetUserKeyByName(const char *name) {
     return key.release();
 }
 
-unsigned int PKEY_IsPeerPubKeyExisted(const char *name) {
+unsigned int PKEY_IsPeerPubKeyExisted(const char *name) noexcept {
     if (is_empty(name)) return 0;
     EvpPkeyPtr key(PKEY_GetUserKeyByName(name));
     if (!key) return 0;

@@ -97,7 +97,7 @@ BignumPtr decimal(const char *text) noexcept {
 
 extern "C" {
 
-char *PKEY_PEER_PeerPubKeyPreProc(char *text) {
+char *PKEY_PEER_PeerPubKeyPreProc(char *text) noexcept {
     return pkey::c_boundary<char *>(nullptr, [&]() -> char * {
         if (text == nullptr) return nullptr;
         char *start = text;
@@ -117,7 +117,7 @@ char *PKEY_PEER_PeerPubKeyPreProc(char *text) {
     });
 }
 
-EVP_PKEY *PKEY_PEER_ReadSSH2PubKey(char *text) {
+EVP_PKEY *PKEY_PEER_ReadSSH2PubKey(char *text) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (text == nullptr) return nullptr;
         char *begin = std::strstr(text, kSsh2Begin.data());
@@ -132,7 +132,7 @@ EVP_PKEY *PKEY_PEER_ReadSSH2PubKey(char *text) {
     });
 }
 
-EVP_PKEY *PKEY_PEER_ReadOpenSSHPubKey(char *text) {
+EVP_PKEY *PKEY_PEER_ReadOpenSSHPubKey(char *text) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (text == nullptr) return nullptr;
         char *p = nullptr;
@@ -155,7 +155,7 @@ EVP_PKEY *PKEY_PEER_ReadOpenSSHPubKey(char *text) {
     });
 }
 
-EVP_PKEY *PKEY_PEER_ReadSSH1PubKey(char *text) {
+EVP_PKEY *PKEY_PEER_ReadSSH1PubKey(char *text) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (text == nullptr) return nullptr;
         // bits, exponent, modulus: the first three pieces between blanks;

@@ -331,37 +331,37 @@ bool same_point(const EVP_PKEY *a, const EVP_PKEY *b) noexcept {
 
 extern "C" {
 
-unsigned int PKEY_PUBKEY_GetBufLenFromKeyReserve(EVP_PKEY * /*key*/, int /*ssh2*/) { return 0; }
+unsigned int PKEY_PUBKEY_GetBufLenFromKeyReserve(EVP_PKEY * /*key*/, int /*ssh2*/) noexcept { return 0; }
 
-unsigned int PKEY_PUBKEY_GetBufLenFromRSAKey(EVP_PKEY *key, int ssh2) {
+unsigned int PKEY_PUBKEY_GetBufLenFromRSAKey(EVP_PKEY *key, int ssh2) noexcept {
     return bound_of(key, ssh2, kRsaBlobOrder, kRsaSlack);
 }
 
-unsigned int PKEY_PUBKEY_GetBufLenFromDSAKey(EVP_PKEY *key, int ssh2) {
+unsigned int PKEY_PUBKEY_GetBufLenFromDSAKey(EVP_PKEY *key, int ssh2) noexcept {
     return bound_of(key, ssh2, kDsaBlobOrder, kDsaSlack);
 }
 
-unsigned int PKEY_PUBKEY_GetBufLenFromECDSAKey(EVP_PKEY * /*key*/, int /*ssh2*/) { return 0; }
+unsigned int PKEY_PUBKEY_GetBufLenFromECDSAKey(EVP_PKEY * /*key*/, int /*ssh2*/) noexcept { return 0; }
 
 unsigned int PKEY_PUBKEY_FillKeyToBufReserve(EVP_PKEY * /*key*/, unsigned char * /*buf*/,
-                                             unsigned int * /*written*/) {
+                                             unsigned int * /*written*/) noexcept {
     return PKEY_ERR_FAILED;
 }
 
-unsigned int PKEY_PUBKEY_FillRSAKeyToBuf(EVP_PKEY *key, unsigned char *buf, unsigned int *written) {
+unsigned int PKEY_PUBKEY_FillRSAKeyToBuf(EVP_PKEY *key, unsigned char *buf, unsigned int *written) noexcept {
     return fill_blob(key, kSshRsa, kRsaBlobOrder, kRsaSlack, buf, written);
 }
 
-unsigned int PKEY_PUBKEY_FillDSAKeyToBuf(EVP_PKEY *key, unsigned char *buf, unsigned int *written) {
+unsigned int PKEY_PUBKEY_FillDSAKeyToBuf(EVP_PKEY *key, unsigned char *buf, unsigned int *written) noexcept {
     return fill_blob(key, kSshDss, kDsaBlobOrder, kDsaSlack, buf, written);
 }
 
 unsigned int PKEY_PUBKEY_FillECDSAKeyToBuf(EVP_PKEY * /*key*/, unsigned char * /*buf*/,
-                                           unsigned int * /*written*/) {
+                                           unsigned int * /*written*/) noexcept {
     return PKEY_ERR_FAILED;
 }
 
-void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) {
+void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) noexcept {
     if (bn == nullptr || cursor == nullptr || *cursor == nullptr || total == nullptr) return;
     ByteWriter out(*cursor, kLengthField + 1 + static_cast<std::size_t>(BN_num_bytes(bn)));
     if (!put_mpint(out, bn)) return;
@@ -370,7 +370,7 @@ void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor, unsigned 
 }
 
 unsigned int PKEY_PUBKEY_GetBNFromKeyBuf(const unsigned char **cursor, unsigned int *remaining,
-                                         BIGNUM **bnOut) {
+                                         BIGNUM **bnOut) noexcept {
     if (cursor == nullptr || *cursor == nullptr || remaining == nullptr || bnOut == nullptr)
         return PKEY_ERR_FAILED;
     ByteReader in(*cursor, *remaining);
@@ -382,7 +382,7 @@ unsigned int PKEY_PUBKEY_GetBNFromKeyBuf(const unsigned char **cursor, unsigned 
     return 0;
 }
 
-char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2, unsigned int *outLen) {
+char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2, unsigned int *outLen) noexcept {
     return pkey::c_boundary<char *>(nullptr, [&]() -> char * {
         if (key == nullptr || outLen == nullptr) return nullptr;
         const unsigned int id =
@@ -407,7 +407,7 @@ char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2, unsigned int *outLen)
     });
 }
 
-EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text) {
+EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         const DecodedBlob blob(text);
         if (!blob) return nullptr;
@@ -433,7 +433,7 @@ EVP_PKEY *PKEY_PUBKEY_Base64toEvppkey(const char *text) {
     });
 }
 
-int PKEY_PUBKEY_IsBase64BlobStrict(const char *text, const char *typeName) {
+int PKEY_PUBKEY_IsBase64BlobStrict(const char *text, const char *typeName) noexcept {
     return pkey::c_boundary<int>(0, [&]() -> int {
         if (text == nullptr || !padded_only_at_end(text)) return 0;
         const DecodedBlob blob(text);
@@ -462,7 +462,7 @@ int PKEY_PUBKEY_IsBase64BlobStrict(const char *text, const char *typeName) {
     });
 }
 
-int PKEY_CmpPubKey(const EVP_PKEY *a, const EVP_PKEY *b) {
+int PKEY_CmpPubKey(const EVP_PKEY *a, const EVP_PKEY *b) noexcept {
     return pkey::c_boundary<int>(0, [&]() -> int {
         if (a == nullptr || b == nullptr) return 0;
         const int type = EVP_PKEY_get_id(a);

@@ -67,7 +67,7 @@ bool ec_possible(const EVP_PKEY *key) noexcept {
 
 extern "C" {
 
-unsigned int PKEY_PUBKEY_GetPkeyAlgIdByEvpId(unsigned int evpType) {
+unsigned int PKEY_PUBKEY_GetPkeyAlgIdByEvpId(unsigned int evpType) noexcept {
     switch (evpType) {
         case EVP_PKEY_RSA: return PKEY_ALG_RSA;
         case EVP_PKEY_DSA: return PKEY_ALG_DSA;
@@ -76,11 +76,11 @@ unsigned int PKEY_PUBKEY_GetPkeyAlgIdByEvpId(unsigned int evpType) {
     }
 }
 
-int PKEY_PUBKEY_GetEvpAlgIdByPkeyId(unsigned int algId) {
+int PKEY_PUBKEY_GetEvpAlgIdByPkeyId(unsigned int algId) noexcept {
     return algId <= PKEY_ALG_UNSUPPORTED ? g_aiPKEYAlg[algId] : 0;
 }
 
-int PKEY_IsValidECDSACurve(int curveNid) {
+int PKEY_IsValidECDSACurve(int curveNid) noexcept {
     if (curveNid == NID_X9_62_prime192v1 && !fips_mode()) return 1;
     return curveNid == NID_X9_62_prime256v1 || curveNid == NID_secp384r1 ||
                    curveNid == NID_secp521r1
@@ -88,11 +88,11 @@ int PKEY_IsValidECDSACurve(int curveNid) {
                : 0;
 }
 
-int PKEY_PUBKEY_GetMinECKeyNid(void) {
+int PKEY_PUBKEY_GetMinECKeyNid(void) noexcept {
     return fips_mode() ? NID_X9_62_prime256v1 : NID_X9_62_prime192v1;
 }
 
-unsigned int PKEY_PUBKEY_GetMinKeyBits(unsigned int algId) {
+unsigned int PKEY_PUBKEY_GetMinKeyBits(unsigned int algId) noexcept {
     switch (algId) {
         case PKEY_ALG_RSA:
         case PKEY_ALG_DSA: return fips_mode() ? PKEY_RSA_DSA_FIPS_MIN_BITS : PKEY_RSA_DSA_MIN_BITS;
@@ -101,11 +101,11 @@ unsigned int PKEY_PUBKEY_GetMinKeyBits(unsigned int algId) {
     }
 }
 
-unsigned int PKEY_PUBKEY_GetMinKeyBitsByEvpAgl(unsigned int evpType) {
+unsigned int PKEY_PUBKEY_GetMinKeyBitsByEvpAgl(unsigned int evpType) noexcept {
     return PKEY_PUBKEY_GetMinKeyBits(PKEY_PUBKEY_GetPkeyAlgIdByEvpId(evpType));
 }
 
-unsigned int PKEY_PUBKEY_GetKeyBits(const EVP_PKEY *key) {
+unsigned int PKEY_PUBKEY_GetKeyBits(const EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;
     switch (EVP_PKEY_get_id(key)) {
         case EVP_PKEY_RSA:  // bits of the modulus n
@@ -118,9 +118,9 @@ unsigned int PKEY_PUBKEY_GetKeyBits(const EVP_PKEY *key) {
     }
 }
 
-unsigned int PKEY_PUBKEY_GetPubKeySize(const EVP_PKEY *key) { return PKEY_PUBKEY_GetKeyBits(key); }
+unsigned int PKEY_PUBKEY_GetPubKeySize(const EVP_PKEY *key) noexcept { return PKEY_PUBKEY_GetKeyBits(key); }
 
-int PKEY_PUBKEY_IsKeyLenValid(const EVP_PKEY *key) {
+int PKEY_PUBKEY_IsKeyLenValid(const EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;
     const unsigned int lower = fips_mode() ? PKEY_RSA_DSA_FIPS_MIN_BITS : PKEY_RSA_DSA_MIN_BITS;
     switch (EVP_PKEY_get_id(key)) {
@@ -135,7 +135,7 @@ int PKEY_PUBKEY_IsKeyLenValid(const EVP_PKEY *key) {
     }
 }
 
-int PKEY_PUBKEY_IsKeyMatchFipsMode(const EVP_PKEY *key) {
+int PKEY_PUBKEY_IsKeyMatchFipsMode(const EVP_PKEY *key) noexcept {
     const unsigned int bits = PKEY_PUBKEY_GetKeyBits(key);
     if (bits == 0) return 0;
     switch (EVP_PKEY_get_id(key)) {
@@ -146,7 +146,7 @@ int PKEY_PUBKEY_IsKeyMatchFipsMode(const EVP_PKEY *key) {
     }
 }
 
-int PKEY_PUBKEY_IsPublicKeyPossible(const EVP_PKEY *key) {
+int PKEY_PUBKEY_IsPublicKeyPossible(const EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;
     return pkey::c_boundary<int>(0, [&]() -> int {
         // A refusal is an answer: it leaves nothing on the caller's error queue.
@@ -163,7 +163,7 @@ int PKEY_PUBKEY_IsPublicKeyPossible(const EVP_PKEY *key) {
     });
 }
 
-int PKEY_PUBKEY_IsEvpAglEnable(unsigned int evpType) {
+int PKEY_PUBKEY_IsEvpAglEnable(unsigned int evpType) noexcept {
     unsigned int code = CRYPTO_ALG_OTHER;
     switch (evpType) {
         case EVP_PKEY_DSA: code = CRYPTO_ALG_DSA; break;

@@ -184,61 +184,61 @@ EvpPkeyPtr key_from_components(const char *type, ComponentNames names, ByteReade
 
 extern "C" {
 
-unsigned char *PKEY_PutLenToBuf(unsigned int len, unsigned char **cursor) {
+unsigned char *PKEY_PutLenToBuf(unsigned int len, unsigned char **cursor) noexcept {
     if (cursor == nullptr || *cursor == nullptr) return nullptr;
     pkey::store_be32(*cursor, len);
     *cursor += kLengthPrefix;
     return *cursor;
 }
 
-const unsigned char *PKEY_GetLengthFromData(const unsigned char *data, unsigned int *lenOut) {
+const unsigned char *PKEY_GetLengthFromData(const unsigned char *data, unsigned int *lenOut) noexcept {
     if (data == nullptr || lenOut == nullptr) return nullptr;
     *lenOut = pkey::load_be32(data);
     return data + kLengthPrefix;
 }
 
-unsigned int PKEY_PUBKEY_GetStoreLenFromEvpReserve(EVP_PKEY * /*key*/) { return 0; }
+unsigned int PKEY_PUBKEY_GetStoreLenFromEvpReserve(EVP_PKEY * /*key*/) noexcept { return 0; }
 
-unsigned int PKEY_PUBKEY_GetRSAStoreLenFromEvp(EVP_PKEY *key) {
+unsigned int PKEY_PUBKEY_GetRSAStoreLenFromEvp(EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;
     return pkey::clamp_to_uint(KeyComponents(key, kRsaComponents).bound());
 }
 
-unsigned int PKEY_PUBKEY_GetDSAStoreLenFromEvp(EVP_PKEY *key) {
+unsigned int PKEY_PUBKEY_GetDSAStoreLenFromEvp(EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;
     return pkey::clamp_to_uint(KeyComponents(key, kDsaComponents).bound());
 }
 
-unsigned int PKEY_PUBKEY_GetECDSAStoreLenFromEvp(EVP_PKEY *key) {
+unsigned int PKEY_PUBKEY_GetECDSAStoreLenFromEvp(EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;
     const int len = i2d_PrivateKey(key, nullptr);
     return len > 0 ? static_cast<unsigned int>(len) : 0;
 }
 
 unsigned int PKEY_PUBKEY_ConvertKeyToStoreBufReserve(EVP_PKEY * /*key*/, unsigned int * /*written*/,
-                                                     unsigned char * /*payload*/) {
+                                                     unsigned char * /*payload*/) noexcept {
     return PKEY_ERR_FAILED;
 }
 
 unsigned int PKEY_PUBKEY_ConvertRSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
-                                                 unsigned char *payload) {
+                                                 unsigned char *payload) noexcept {
     return write_rsa_payload(key, contract_room(payload, PKEY_PUBKEY_GetRSAStoreLenFromEvp(key)),
                              written);
 }
 
 unsigned int PKEY_PUBKEY_ConvertDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
-                                                 unsigned char *payload) {
+                                                 unsigned char *payload) noexcept {
     return write_dsa_payload(key, contract_room(payload, PKEY_PUBKEY_GetDSAStoreLenFromEvp(key)),
                              written);
 }
 
 unsigned int PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *written,
-                                                   unsigned char *payload) {
+                                                   unsigned char *payload) noexcept {
     return write_ecdsa_payload(
         key, contract_room(payload, PKEY_PUBKEY_GetECDSAStoreLenFromEvp(key)), written);
 }
 
-void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) {
+void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) noexcept {
     if (bn == nullptr || cursor == nullptr || *cursor == nullptr || total == nullptr) return;
     ByteWriter out(*cursor, kLengthPrefix + static_cast<std::size_t>(BN_num_bytes(bn)));
     if (!put_component(out, bn)) return;
@@ -247,7 +247,7 @@ void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor, unsig
 }
 
 void PKEY_PUBKEY_GetBNFromBuf(const unsigned char **cursor, unsigned int *remaining,
-                              BIGNUM **bnOut) {
+                              BIGNUM **bnOut) noexcept {
     if (bnOut == nullptr) return;
     *bnOut = nullptr;
     if (cursor == nullptr || *cursor == nullptr || remaining == nullptr || *remaining == 0) return;
@@ -259,7 +259,7 @@ void PKEY_PUBKEY_GetBNFromBuf(const unsigned char **cursor, unsigned int *remain
     *bnOut = bn.release();
 }
 
-unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *lenOut) {
+unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *lenOut) noexcept {
     return pkey::c_boundary<unsigned char *>(nullptr, [&]() -> unsigned char * {
         if (key == nullptr || lenOut == nullptr) return nullptr;
         const unsigned int id =
@@ -295,7 +295,7 @@ unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *len
 }
 
 EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned char *record,
-                                           unsigned int recordLen) {
+                                           unsigned int recordLen) noexcept {
     return pkey::c_boundary<EVP_PKEY *>(nullptr, [&]() -> EVP_PKEY * {
         if (record == nullptr) return nullptr;
         // Shortest record: a header and the digest a record built now would carry.
@@ -325,7 +325,7 @@ EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned ch
     });
 }
 
-char *PKEY_PUBKEY_DER2BdrnBuf(const unsigned char *der, unsigned int derLen) {
+char *PKEY_PUBKEY_DER2BdrnBuf(const unsigned char *der, unsigned int derLen) noexcept {
     constexpr std::size_t kBytesPerLine = 37;
     if (der == nullptr && derLen != 0) return nullptr;
     // A full line is "\r\n   " and 74 digits (79 characters); the room left

@@ -8,7 +8,7 @@
 
 extern "C" {
 
-unsigned int PKEY_StrRemoveSpaceCopy(const char *src, unsigned int dstSize, char *dst) {
+unsigned int PKEY_StrRemoveSpaceCopy(const char *src, unsigned int dstSize, char *dst) noexcept {
     if (src == nullptr || dst == nullptr || dstSize == 0) return 0;
     const unsigned int limit = dstSize - 1;
     unsigned int written = 0;
@@ -19,7 +19,7 @@ unsigned int PKEY_StrRemoveSpaceCopy(const char *src, unsigned int dstSize, char
     return written;
 }
 
-unsigned int PKEY_RemoveCRLF(char *text) {
+unsigned int PKEY_RemoveCRLF(char *text) noexcept {
     if (text == nullptr) return 0;
     unsigned int out = 0;
     for (const char *p = text; *p != '\0'; ++p) {
@@ -29,7 +29,7 @@ unsigned int PKEY_RemoveCRLF(char *text) {
     return out;
 }
 
-unsigned char PKEY_HexAsc2Bin(char c) {
+unsigned char PKEY_HexAsc2Bin(char c) noexcept {
     const int ch = static_cast<unsigned char>(c);
     if (!std::isxdigit(ch)) return 0;
     if (std::isupper(ch)) return static_cast<unsigned char>(ch - 55);
@@ -37,7 +37,7 @@ unsigned char PKEY_HexAsc2Bin(char c) {
     return static_cast<unsigned char>(ch - 48);
 }
 
-int PKEY_IsValidHexString(const char *text) {
+int PKEY_IsValidHexString(const char *text) noexcept {
     if (text == nullptr) return 0;
     for (const char *p = text; *p != '\0'; ++p) {
         if (*p != ' ' && !std::isxdigit(static_cast<unsigned char>(*p))) return 0;
@@ -45,7 +45,7 @@ int PKEY_IsValidHexString(const char *text) {
     return 1;
 }
 
-unsigned int PKEY_HexStringToHexData(const char *hex, unsigned char *out) {
+unsigned int PKEY_HexStringToHexData(const char *hex, unsigned char *out) noexcept {
     if (hex == nullptr || out == nullptr) return 0;
     const size_t n = std::strlen(hex);
     if (n < 2 || n % 2 != 0 || n / 2 > 0xFFFFFFFFu) return 0;
@@ -56,7 +56,7 @@ unsigned int PKEY_HexStringToHexData(const char *hex, unsigned char *out) {
     return static_cast<unsigned int>(n / 2);
 }
 
-unsigned int PKEY_LenBeforeSeparator(const char *text, char separator) {
+unsigned int PKEY_LenBeforeSeparator(const char *text, char separator) noexcept {
     if (text == nullptr) return 0;
     const size_t n = std::strlen(text);
     if (n == 0) return 0;
