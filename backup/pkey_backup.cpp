@@ -6,6 +6,7 @@
 
 #include "pkey_backup.h"
 #include "pkey_fs.h"
+#include "pkey_paths.hpp"
 #include "pkey_platform.h"
 #include "pkey_util.hpp"
 
@@ -17,7 +18,6 @@ constexpr unsigned int kAllStatus = 0xFFFF;
 // paths on the device, work directories are short.
 constexpr unsigned int kMemRootLen = 4096;
 constexpr unsigned int kWorkDirLen = 256;
-constexpr const char *kMemRoot = "/var/run";
 constexpr const char *kKeyRoot = "/pkey/";
 constexpr const char *kDefaultKeyFiles[] = {"hostkey", "serverkey", "dsakey", "ecdsakey"};
 
@@ -64,7 +64,7 @@ int PKEY_BACKUP_Batch(unsigned int node) noexcept {
 
 int PKEY_BACKUP_BatchMemProc(unsigned int node) noexcept {
     char root[kMemRootLen];
-    if (const int r = FS_GetNodePathName(kMemRoot, node & kNodeMask, sizeof root, root); r != 0)
+    if (const int r = pkey::paths::node_mem_root(node & kNodeMask, root, sizeof root); r != 0)
         return r;
     for (unsigned int alg : {PKEY_ALG_RSA, PKEY_ALG_DSA, PKEY_ALG_ECDSA})
         (void)PKEY_FS_RemovePkeyDir(PKEY_FS_GetKeyDir(alg), root);

@@ -4,7 +4,7 @@
 
 #include "pkey_cfgmng.h"
 #include "pkey_fs.h"
-#include "fs/pkey_fs_internal.hpp"
+#include "pkey_paths.hpp"
 #include "pkey_platform.h"
 #include "pkey_util.hpp"
 
@@ -29,7 +29,7 @@ void PKEY_CFGMNG_UpdateLocKeyMemFiles(void) noexcept {
     if (FS_GetLocalDefaultWorkDir(PKEY_PATH_LEN, work) != 0) return;
     // Without a memory root every destination below would be a wrong path.
     char mem_root[PKEY_PATH_LEN];
-    if (pkey::fs::mem_root(mem_root) == 0) return;
+    if (pkey::paths::mem_root(mem_root, sizeof mem_root) == 0) return;
     char mem_dir[PKEY_PATH_LEN];
     PKEY_FS_GetPkeyMemDir(mem_dir);
     if (PKEY_FS_IsDirExisted(mem_dir) == 1) return;  // present: never refreshed here

@@ -11,7 +11,7 @@
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
-#include "pubkey/pkey_der.hpp"
+#include "pkey_der.hpp"
 
 namespace {
 

@@ -19,7 +19,6 @@
 #include <string_view>
 #include <utility>
 
-#include "ec/pkey_ec_curve.hpp"
 #include "ec/pkey_ec_read.hpp"
 #include "pkey_base64.hpp"
 #include "pkey_curves.hpp"
@@ -222,21 +221,6 @@ bool public_point_valid(const EC_GROUP *group, const EC_POINT *point,
     return BN_cmp(x, tmp) < 0 && BN_cmp(y, tmp) < 0;
 }
 
-EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept {
-    // Large enough for the encoded point of any curve OpenSSL knows.
-    unsigned char octets[256];
-    std::size_t len = 0;
-    if (key == nullptr || group == nullptr ||
-        EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, octets,
-                                        sizeof octets, &len) != 1)
-        return nullptr;
-    // Decoding through the group accepts the key's point in compressed form
-    // too, and checks that it lies on that group's curve.
-    EcPointPtr point(EC_POINT_new(group));
-    if (!point || EC_POINT_oct2point(group, point.get(), octets, len, ctx) != 1) return nullptr;
-    return point;
-}
-
 EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
                            PointValidation validation) noexcept {
     if (buf == nullptr || len < kMinReadLen || len > kMaxReadLen) return nullptr;
@@ -301,7 +285,7 @@ char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) noexcept {
 
         BnCtxPtr ctx(BN_CTX_new());
         if (!ctx) return nullptr;
-        const EcPointPtr point = pkey::ec::public_point(pkey, group, ctx.get());
+        const EcPointPtr point = pkey::curves::public_point(pkey, group, ctx.get());
         if (!point) return nullptr;
         const std::size_t q = EC_POINT_point2oct(group, point.get(), POINT_CONVERSION_UNCOMPRESSED,
                                                  nullptr, 0, ctx.get());

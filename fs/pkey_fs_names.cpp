@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "pkey_fs.h"
-#include "pkey_fs_internal.hpp"
+#include "pkey_paths.hpp"
 #include "pkey_platform.h"
 
 namespace {
@@ -11,7 +11,6 @@ namespace {
 const char *const g_apcPKEYKeyDir[4] = {"", "/pkey/rsa/", "/pkey/dsa/", "/pkey/ecdsa/"};
 const char *const g_apcPKEYDefaultKeyName[4] = {"", "hostkey", "dsakey", "ecdsakey"};
 
-constexpr const char *kMemRoot = "/var/run";
 constexpr const char *kKeyRoot = "/pkey/";
 constexpr const char *kPublicKeyDir = "/pkey/publickey/";
 constexpr const char *kServerKeyName = "serverkey";
@@ -19,19 +18,6 @@ constexpr const char *kKeyFileExtension = ".key";
 constexpr unsigned int kNodeMask = 0xFFFF;
 
 }  // namespace
-
-namespace pkey::fs {
-
-int mem_root(char *out) {
-    out[0] = '\0';
-    if (FS_GetNodePathName(kMemRoot, DEV_GetSelf(), PKEY_PATH_LEN, out) != 0) {
-        out[0] = '\0';
-        return 0;
-    }
-    return static_cast<int>(std::strlen(out));
-}
-
-}  // namespace pkey::fs
 
 extern "C" {
 
@@ -61,19 +47,19 @@ const char *PKEY_FS_StrEndString(const char *str, const char *suffix) noexcept {
 int PKEY_FS_GetLocKeyMemDirByAlgId(unsigned int algId, char *out) noexcept {
     if (out == nullptr) return 0;
     char root[PKEY_PATH_LEN];
-    pkey::fs::mem_root(root);
+    pkey::paths::mem_root(root, sizeof root);
     return scnprintf(out, PKEY_PATH_LEN, "%s%s", root, PKEY_FS_GetKeyDir(algId));
 }
 
 int PKEY_FS_GetPkeyMemDir(char *out) noexcept {
     if (out == nullptr) return 0;
     char root[PKEY_PATH_LEN];
-    pkey::fs::mem_root(root);
+    pkey::paths::mem_root(root, sizeof root);
     return scnprintf(out, PKEY_PATH_LEN, "%s%s", root, kKeyRoot);
 }
 
 int PKEY_FS_MakeMemFilePrefix(unsigned int node, char *out) noexcept {
-    return FS_GetNodePathName(kMemRoot, node & kNodeMask, PKEY_PATH_LEN, out);
+    return pkey::paths::node_mem_root(node & kNodeMask, out, PKEY_PATH_LEN);
 }
 
 int PKEY_FS_MakeDevFilePrefix(unsigned int node, char *out) noexcept {

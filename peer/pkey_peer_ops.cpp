@@ -12,7 +12,8 @@
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
-#include "pubkey/pkey_der.hpp"
+#include "pkey_der.hpp"
+#include "pkey_hex.hpp"
 
 namespace {
 
@@ -87,10 +88,10 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) noexcept {
         const char *key_code = entry + PKEY_PEER_NAME_LEN;
         // The working buffer holds 2048 bytes; a longer key code is refused
         // before anything is written.
-        if (strnlen(key_code, PKEY_PEER_KEYCODE_MAX_DIGITS + 1) > PKEY_PEER_KEYCODE_MAX_DIGITS)
-            return PKEY_ERR_FAILED;
+        const std::size_t digits = strnlen(key_code, PKEY_PEER_KEYCODE_MAX_DIGITS + 1);
+        if (digits > PKEY_PEER_KEYCODE_MAX_DIGITS) return PKEY_ERR_FAILED;
         unsigned char work[kWorkBufferLen];
-        const unsigned int count = PKEY_HexStringToHexData(key_code, work);
+        const std::size_t count = pkey::hex::decode({key_code, digits}, work);
         if (count == 0) return PKEY_ERR_FAILED;
 
         pkey::der::SpkiResult decoded = pkey::der::decode_public_key({work, count});
@@ -125,7 +126,7 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) noexcept {
         std::memcpy(stored_name, name, name_len);
         stored_name[name_len] = '\0';
         const unsigned int r = decoded.canonical
-                                   ? PKEY_PEER_SavePeerPubKey(work, count, stored_name)
+                                   ? PKEY_PEER_SavePeerPubKey(work, static_cast<unsigned int>(count), stored_name)
                                    : save_der(der, stored_name);
         if (r != 0) print_message(PKEY_MSG_SAVE_FAILED);
         return r;

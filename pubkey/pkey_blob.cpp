@@ -20,7 +20,6 @@
 #include <string_view>
 #include <utility>
 
-#include "ec/pkey_ec_curve.hpp"
 #include "pkey_base64.hpp"
 #include "pkey_curves.hpp"
 #include "pkey_ec.h"
@@ -313,8 +312,8 @@ bool points_equal(const EVP_PKEY *a, const EVP_PKEY *b) noexcept {
     if (group == nullptr) return false;
     BnCtxPtr ctx(BN_CTX_new());
     if (!ctx) return false;
-    const EcPointPtr pa = pkey::ec::public_point(a, group, ctx.get());
-    const EcPointPtr pb = pkey::ec::public_point(b, group, ctx.get());
+    const EcPointPtr pa = pkey::curves::public_point(a, group, ctx.get());
+    const EcPointPtr pb = pkey::curves::public_point(b, group, ctx.get());
     return pa && pb && EC_POINT_cmp(group, pa.get(), pb.get(), ctx.get()) == 0;
 }
 

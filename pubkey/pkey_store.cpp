@@ -20,7 +20,7 @@
 #include "pkey_pubkey.h"
 #include "pkey_record.hpp"
 #include "pkey_util.hpp"
-#include "pubkey/pkey_der.hpp"
+#include "pkey_der.hpp"
 
 namespace {
 

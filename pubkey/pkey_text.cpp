@@ -3,8 +3,10 @@
 // caller's buffer.
 #include <cctype>
 #include <cstring>
+#include <string_view>
 
 #include "pkey_pubkey.h"
+#include "pkey_hex.hpp"
 
 extern "C" {
 
@@ -29,13 +31,7 @@ unsigned int PKEY_RemoveCRLF(char *text) noexcept {
     return out;
 }
 
-unsigned char PKEY_HexAsc2Bin(char c) noexcept {
-    const int ch = static_cast<unsigned char>(c);
-    if (!std::isxdigit(ch)) return 0;
-    if (std::isupper(ch)) return static_cast<unsigned char>(ch - 55);
-    if (std::islower(ch)) return static_cast<unsigned char>(ch - 87);
-    return static_cast<unsigned char>(ch - 48);
-}
+unsigned char PKEY_HexAsc2Bin(char c) noexcept { return pkey::hex::digit_value(c); }
 
 int PKEY_IsValidHexString(const char *text) noexcept {
     if (text == nullptr) return 0;
@@ -47,13 +43,10 @@ int PKEY_IsValidHexString(const char *text) noexcept {
 
 unsigned int PKEY_HexStringToHexData(const char *hex, unsigned char *out) noexcept {
     if (hex == nullptr || out == nullptr) return 0;
-    const size_t n = std::strlen(hex);
-    if (n < 2 || n % 2 != 0 || n / 2 > 0xFFFFFFFFu) return 0;
-    for (size_t i = 0; i < n / 2; ++i) {
-        out[i] = static_cast<unsigned char>((PKEY_HexAsc2Bin(hex[2 * i]) << 4) |
-                                            PKEY_HexAsc2Bin(hex[2 * i + 1]));
-    }
-    return static_cast<unsigned int>(n / 2);
+    // The caller's buffer holds strlen(hex) / 2 bytes by this function's contract.
+    const std::string_view text(hex);
+    if (text.size() / 2 > 0xFFFFFFFFu) return 0;
+    return static_cast<unsigned int>(pkey::hex::decode(text, {out, text.size() / 2}));
 }
 
 unsigned int PKEY_LenBeforeSeparator(const char *text, char separator) noexcept {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "pkey_util.hpp"
-#include "pubkey/pkey_der.hpp"
+#include "pkey_der.hpp"
 #include "test_keys.hpp"
 
 namespace {

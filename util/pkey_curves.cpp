@@ -139,4 +139,19 @@ int nid_of_key(const EVP_PKEY *key) noexcept {
     return encoded_nid(key);
 }
 
+EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept {
+    // Large enough for the encoded point of any curve OpenSSL knows.
+    unsigned char octets[256];
+    std::size_t len = 0;
+    if (key == nullptr || group == nullptr ||
+        EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, octets,
+                                        sizeof octets, &len) != 1)
+        return nullptr;
+    // Decoding through the group accepts the key's point in compressed form
+    // too, and checks that it lies on that group's curve.
+    EcPointPtr point(EC_POINT_new(group));
+    if (!point || EC_POINT_oct2point(group, point.get(), octets, len, ctx) != 1) return nullptr;
+    return point;
+}
+
 }  // namespace pkey::curves

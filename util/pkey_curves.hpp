@@ -148,4 +148,8 @@ int encoded_nid(const EVP_PKEY *key) noexcept;
 // curve, that curve.
 int nid_of_key(const EVP_PKEY *key) noexcept;
 
+// The public point of an EC key as a point on group, whatever the key's point
+// format; NULL when the key has no public point or it does not lie on group.
+EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept;
+
 }  // namespace pkey::curves

@@ -1,7 +1,7 @@
 // Fast decoding of the library's canonical DER key forms, with OpenSSL's
 // decoders behind them for everything else; the encoding of peer keys with
 // their EC curve named.
-#include "pubkey/pkey_der.hpp"
+#include "pkey_der.hpp"
 
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
