@@ -139,7 +139,8 @@ PKEY_API const unsigned char *PKEY_GetLengthFromData(const unsigned char *data,
  * failure (*lenOut untouched). Free the record with free(). */
 PKEY_API unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *lenOut) PKEY_NOEXCEPT;
 /* Turns a record back into a key pair of the given pkey alg id; NULL on
- * failure. The record's digest is not checked here. */
+ * failure. The record's digest is not checked here: the key file reader
+ * checks it before a record reaches this function. */
 PKEY_API EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId,
                                                    const unsigned char *record,
                                                    unsigned int recordLen) PKEY_NOEXCEPT;

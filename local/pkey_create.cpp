@@ -87,8 +87,9 @@ int PKEY_SaveHostKey(EVP_PKEY *key) noexcept {
 }
 
 int PKEY_SaveServerKey(EVP_PKEY *key) noexcept {
-    // Any supported key is stored as the one server key file; its algorithm
-    // is deliberately not checked.
+    // Any supported key is stored as the one server key file: which
+    // algorithm serves as server key is the SSH server's choice, not the
+    // store's, and the reader hands back whatever was saved.
     return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);
 }
 
