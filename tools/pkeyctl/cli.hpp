@@ -84,8 +84,8 @@ struct Algorithm {
     unsigned int alg_id;
 };
 struct Curve {
-    const char *option;
-    const char *ssh_name;
+    std::string option;    // "p256"
+    std::string ssh_name;  // "nistp256"
     int nid;
 };
 const Algorithm *find_algorithm(std::string_view name);

@@ -15,6 +15,7 @@
 #include "pkey_peer.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
+#include "pkey_curves.hpp"
 
 namespace pkeyctl {
 namespace {
@@ -23,10 +24,18 @@ const std::vector<Algorithm> kAlgorithms = {
     {"rsa", EVP_PKEY_RSA, PKEY_ALG_RSA},
     {"dsa", EVP_PKEY_DSA, PKEY_ALG_DSA},
     {"ecdsa", EVP_PKEY_EC, PKEY_ALG_ECDSA}};
-const std::vector<Curve> kCurves = {{"p192", "nistp192", NID_X9_62_prime192v1},
-                                    {"p256", "nistp256", NID_X9_62_prime256v1},
-                                    {"p384", "nistp384", NID_secp384r1},
-                                    {"p521", "nistp521", NID_secp521r1}};
+// The SSH curves of the library's curve table, named as SSH names them and,
+// for the command line, without the "nist" prefix.
+const std::vector<Curve> kCurves = [] {
+    std::vector<Curve> curves;
+    for (const pkey::curves::Curve &c : pkey::curves::kCurves) {
+        if (!c.in_ssh()) continue;
+        std::string_view option = c.ssh_id;
+        if (option.starts_with("nist")) option.remove_prefix(4);
+        curves.push_back({std::string(option), std::string(c.ssh_id), c.nid});
+    }
+    return curves;
+}();
 
 // The SSH blob of a key, decoded from the library's Base64.
 std::vector<unsigned char> ssh_blob(EVP_PKEY *key) {

@@ -99,7 +99,7 @@ int local_create(const Args &a) {
         // The library's generator refuses a curve the mode does not allow;
         // saying why is the tool's part.
         if (PKEY_IsValidECDSACurve(nid) != 1)
-            return failure(what("create", *alg), std::string("curve ") + (curve ? curve->ssh_name : "?") +
+            return failure(what("create", *alg), std::string("curve ") + (curve ? curve->ssh_name : std::string("?")) +
                                                      " is not allowed in " + mode_name() + " mode");
         request.uiCurveNid = static_cast<unsigned int>(nid);
     } else {

@@ -15,6 +15,7 @@
 #include "pkey_peer.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
+#include "pkey_curves.hpp"
 
 namespace pkeyctl {
 namespace {
@@ -22,8 +23,11 @@ namespace {
 constexpr std::string_view kBlank = " \t\r\n";
 constexpr std::string_view kSsh2Begin = "---- BEGIN SSH2 PUBLIC KEY ----";
 constexpr std::string_view kSsh2End = "---- END SSH2 PUBLIC KEY ----";
-constexpr std::string_view kKeyTypes[] = {"ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp192", "ecdsa-sha2-nistp256",
-                                          "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521"};
+// The key type words of an OpenSSH line: RSA, DSA and the library's SSH curves.
+bool is_key_type(std::string_view word) {
+    if (word == "ssh-rsa" || word == "ssh-dss") return true;
+    return pkey::curves::by_ssh_type(word) != nullptr;
+}
 
 enum class Form { kKeyCode, kSsh2, kOpenSsh, kSsh1, kUnknown };
 
@@ -65,7 +69,7 @@ Form detect_form(std::string_view text) {
 bool openssh_fields(std::string_view text, std::string &type, std::string &base64) {
     const std::vector<std::string_view> words = split(text, kBlank);
     for (size_t i = 0; i + 1 < words.size(); ++i) {
-        if (std::find(std::begin(kKeyTypes), std::end(kKeyTypes), words[i]) == std::end(kKeyTypes)) continue;
+        if (!is_key_type(words[i])) continue;
         type = words[i];
         base64 = words[i + 1];
         return true;
