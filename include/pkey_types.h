@@ -70,6 +70,44 @@ typedef struct tagPKEY_KEYGEN_REQ {
     unsigned int uiCurveNid;               /* ECDSA curve; ignored for RSA and DSA */
 } PKEY_KEYGEN_REQ_S;
 
+/*
+ * The store record: the library's binary form of a whole key pair, the
+ * plain content of every local key file.
+ *
+ *   offset  size  field (integers big-endian)
+ *   0       4     record length, digest included
+ *   4       4     marker 0xAAAAAAAA
+ *   8       1     key kind (set when the key file is written)
+ *   9       65    key name (set when the key file is written)
+ *   74      2+1+1 creation year, month, day (local time)
+ *   78      2+1+1 creation hour, minute, second
+ *   82      1     protection: 4 when built in FIPS mode, else 3
+ *   83      1     format version 1
+ *   84      P     payload: RSA n e d p q dmp1 dmq1 iqmp, DSA p q g y x, each a
+ *                 4-byte length and the magnitude; ECDSA the ECPrivateKey DER
+ *   ...           zero padding, so that payload bound + digest is a multiple of 8
+ *   len-D   D     MD5 (16) or SHA-256 (32) digest of everything before it,
+ *                 computed with bytes 8 to 73 zero
+ */
+#define PKEY_STORE_HEADER_LEN 84U
+#define PKEY_STORE_MARKER 0xAAAAAAAAU
+#define PKEY_STORE_OFF_LENGTH 0U
+#define PKEY_STORE_OFF_MARKER 4U
+#define PKEY_STORE_OFF_KIND 8U
+#define PKEY_STORE_OFF_NAME 9U
+#define PKEY_STORE_NAME_LEN 65U
+#define PKEY_STORE_OFF_YEAR 74U
+#define PKEY_STORE_OFF_MONTH 76U
+#define PKEY_STORE_OFF_DAY 77U
+#define PKEY_STORE_OFF_HOUR 78U
+#define PKEY_STORE_OFF_MINUTE 80U
+#define PKEY_STORE_OFF_SECOND 81U
+#define PKEY_STORE_OFF_PROTECTION 82U
+#define PKEY_STORE_OFF_VERSION 83U
+#define PKEY_STORE_VERSION 1U
+#define PKEY_STORE_PROTECT_MD5 3U
+#define PKEY_STORE_PROTECT_SHA256 4U
+
 #ifdef __cplusplus
 }
 #endif

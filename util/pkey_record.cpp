@@ -8,7 +8,7 @@
 #include <ctime>
 
 #include "pkey_platform.h"
-#include "pkey_pubkey.h"
+#include "pkey_types.h"
 
 namespace pkey::record {
 namespace {

@@ -1,6 +1,6 @@
 // pkey_record.hpp - the key pair store record's header and digest (internal).
 //
-// The record (laid out in pkey_pubkey.h) is built by the pubkey module and
+// The record (laid out in pkey_types.h) is built by the pubkey module and
 // written, read and checked by the local key files. Both sides take its
 // header, its digest and its integrity check from here, so the layout and the
 // choice of digest live in one place.
