@@ -29,18 +29,16 @@ std::set<std::string> names_in(const std::string &dir) {
     return out;
 }
 
-class DirReadFailure : public ::testing::Test {
+class DirReadFailure : public pkey::test::StoreTest {
 protected:
     void TearDown() override { readdir_fault_arm(-1); }
     std::string work() const { return store.work_dir(1); }
-    std::string mem() const { return store.mem_dir(1); }
     // Three RSA key files on flash, and the ECDSA host key a backup needs.
     void seed_flash() {
         for (const char *name : {"a.key", "b.key", "c.key"})
             put(work() + "/pkey/rsa/" + name, name);
         put(work() + "/ecdsakey", "E");
     }
-    pkey::test::TempStore store;
 };
 
 TEST_F(DirReadFailure, CopyAndRemoveOfAKeyDirectoryFail) {
@@ -88,9 +86,9 @@ TEST_F(DirReadFailure, MirrorIsTakenBackAndFilledWholeNextTime) {
     seed_flash();
     readdir_fault_arm(1);  // the RSA key directory's first read
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_FALSE(fsys::exists(mem() + "/pkey"));
+    EXPECT_FALSE(fsys::exists(mem("")));
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_EQ(names_in(mem() + "/pkey/rsa"), (std::set<std::string>{"a.key", "b.key", "c.key"}));
+    EXPECT_EQ(names_in(mem("rsa")), (std::set<std::string>{"a.key", "b.key", "c.key"}));
 }
 
 TEST_F(DirReadFailure, StandbyBackupFails) {

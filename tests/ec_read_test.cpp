@@ -24,33 +24,15 @@ using pkey::EvpPkeyPtr;
 using pkey::ec::PointValidation;
 using Bytes = std::vector<unsigned char>;
 
-void put_field(Bytes &b, const Bytes &data, long declared = -1) {
-    const auto len =
-        static_cast<std::uint32_t>(declared < 0 ? static_cast<long>(data.size()) : declared);
-    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<unsigned char>(len >> s));
-    b.insert(b.end(), data.begin(), data.end());
-}
-
-// What follows the key type name in a key buffer: curve identifier and point.
-Bytes ec_tail(const std::string &id, const Bytes &point, long declared = -1) {
-    Bytes b;
-    put_field(b, Bytes(id.begin(), id.end()));
-    put_field(b, point, declared);
-    return b;
-}
+using pkey::test::ec_tail;
 
 // The same bytes from the key buffer the library writes for a key.
 Bytes tail_of(EVP_PKEY *key) {
     unsigned int n = 0;
     pkey::MallocPtr<char> text(PKEY_EC_EcToBase64(key, &n));
     if (!text) return {};
-    Bytes blob(n);
-    const int len = EVP_DecodeBlock(blob.data(), reinterpret_cast<unsigned char *>(text.get()),
-                                    static_cast<int>(n - 1));
-    blob.resize(static_cast<std::size_t>(len) -
-                static_cast<std::size_t>(std::count(text.get(), text.get() + n - 1, '=')));
-    const std::size_t skip = 4 + pkey::load_be32(blob.data());
-    return Bytes(blob.begin() + static_cast<long>(skip), blob.end());
+    const Bytes blob = pkey::test::unbase64(text.get());
+    return Bytes(blob.begin() + 4 + pkey::load_be32(blob.data()), blob.end());
 }
 
 BignumPtr bn(const BIGNUM *from, long add = 0) {
@@ -274,6 +256,7 @@ TEST_F(EcRead, FastValidationAcceptsExactlyWhatTheFullOneAccepts) {
             {"x of p", c.encode(c.p.get(), yg.get())},
             {"y of p", c.encode(xg.get(), c.p.get())},
             {"all ones", c.encode(ones.get(), ones.get())},
+            {"no point", {}},
             {"infinity", {0x00}},
             {"infinity, uncompressed zeros",
              with(zeros, [](Bytes &b) { b.insert(b.begin(), 0x04); })},

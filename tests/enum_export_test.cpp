@@ -35,12 +35,8 @@ std::string body_of(EVP_PKEY *key, int ssh2) {
     return body ? body.get() : "<null>";
 }
 
-class LocalKeysTest : public ::testing::Test {
+class LocalKeysTest : public pkey::test::StoreTest {
 protected:
-    std::string mem(const std::string &rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
-    std::string dev(const std::string &rel) const { return store.work_dir(1) + "/" + rel; }
-
-    pkey::test::TempStore store;
     EVP_PKEY *rsa = test_key("rsa1024"), *p256 = test_key("p256");
 };
 

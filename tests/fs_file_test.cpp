@@ -41,10 +41,9 @@ int write_vfs(const std::string &file, const std::string &data) {
     return PKEY_FS_WriteDataToVFS(data.data(), static_cast<unsigned>(data.size()), file.c_str());
 }
 
-class FsFileTest : public ::testing::Test {
+class FsFileTest : public pkey::test::StoreTest {
 protected:
     std::string path(const std::string &rel) const { return store.root() + "/" + rel; }
-    pkey::test::TempStore store;
 };
 
 TEST_F(FsFileTest, MakeDirCreatesEveryDirectoryBeforeTheLastSlashAndKeepsExistingOnes) {

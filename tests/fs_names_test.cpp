@@ -10,7 +10,7 @@
 
 namespace {
 
-class FsNamesTest : public ::testing::Test {
+class FsNamesTest : public pkey::test::StoreTest {
 protected:
     static std::string full(unsigned int alg, unsigned int kind, unsigned int node,
                             const char *name, PKEY_FS_PREFIX_FN prefix, int *appended = nullptr) {
@@ -20,7 +20,6 @@ protected:
         if (appended != nullptr) *appended = n;
         return out;
     }
-    pkey::test::TempStore store;
 };
 
 TEST_F(FsNamesTest, TablesGiveDirectoriesAndDefaultNames) {

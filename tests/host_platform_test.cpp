@@ -24,14 +24,14 @@
 #include "pkey_peer.h"
 #include "pkey_platform.h"
 #include "pkey_util.hpp"
+#include "platform_calls.hpp"
 #include "test_store.hpp"
 #include "test_util.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-using pkey::test::mode_of;
-using pkey::test::TempStore;
+using namespace pkey::test;  // NOLINT(google-build-using-namespace): the platform calls
 using Bytes = std::vector<unsigned char>;
 using Nodes = std::vector<unsigned short>;
 using Strings = std::vector<std::string>;
@@ -339,41 +339,20 @@ TEST_F(HostSettingsTest, NoRootMeansPkeyRootFromTheEnvironment) {
 // ---------------------------------------------------------------------------
 // Key-file cipher
 
-Bytes plain(std::size_t n) {
-    Bytes p(n);
-    std::iota(p.begin(), p.end(), 3);
-    return p;
-}
-Bytes encrypt(const Bytes &p, std::size_t extra = 0) {
-    Bytes region(p.size() + PKEY_CIPHER_OVERHEAD + extra, 0xEE);
-    EXPECT_EQ(PKEY_Encrypt(static_cast<unsigned int>(p.size()), p.data(),
-                           static_cast<unsigned int>(region.size()), region.data()), 0u);
-    return region;
-}
-// The plain bytes, or an empty vector when Decrypt refused (and left out alone).
-Bytes decrypt(const Bytes &region, std::size_t cap) {
-    Bytes out(cap, 0xA5);
-    const unsigned int n = PKEY_Decrypt(static_cast<unsigned int>(region.size()), region.data(),
-                                        static_cast<unsigned int>(cap), out.data());
-    EXPECT_TRUE(n != 0 || out == Bytes(cap, 0xA5)) << "refused, yet wrote into out";
-    out.resize(n);
-    return out;
-}
-
 // What every platform's cipher promises is checked by the conformance suite;
 // these are the host's own: its region format, its 64 KiB limit, silence on a
 // damaged region, and one device key per store.
 TEST_F(HostCipherTest, RegionsAreVersionedLengthPrefixedAndBoundToTheirStore) {
     for (std::size_t n : {1u, 65535u}) {
         const Bytes p = plain(n);
-        const Bytes region = encrypt(p, 19);
+        const Bytes region = encrypt(p, 0xEE, 19);
         EXPECT_EQ(region[0], 1);
         EXPECT_EQ(region[1] * 256u + region[2], n);
         EXPECT_NE(Bytes(region.begin() + PKEY_CIPHER_OVERHEAD, region.end() - 19), p) << n;
         EXPECT_EQ(decrypt(region, n), p) << n;
     }
     const Bytes p = plain(32);
-    Bytes region = encrypt(p, 19);
+    Bytes region = encrypt(p, 0xEE, 19);
     HOST_ClearError();
     region[5] ^= 1;
     EXPECT_TRUE(decrypt(region, region.size()).empty());
@@ -420,27 +399,6 @@ TEST_F(HostCipherTest, DeviceKeyIsPrivateAndMadeOnceByRacingProcesses) {
 
 constexpr int kRead = DBM_MODE_READ, kWrite = DBM_MODE_WRITE, kDelete = DBM_MODE_DELETE;
 
-int db_open(int mode, const char *db = "PKEY") {
-    const DBM_OPEN_OPTIONS_S options{1, 0, 1, 0, "1"};
-    int handle = -1;
-    EXPECT_EQ(DBM_Open(db, db, mode, &options, &handle), 0);
-    return handle;
-}
-int set(int h, const std::string &key, const std::string &value, unsigned int type = 1) {
-    return DBM_SetBinary(h, key.data(), static_cast<unsigned int>(key.size()), -1,
-                         static_cast<unsigned int>(value.size()), value.data(), type);
-}
-std::string get(int h, const std::string &key) {
-    const auto klen = static_cast<unsigned int>(key.size());
-    const int len = DBM_Len(h, key.data(), klen);
-    if (len < 0) return "<none>";
-    std::string out(static_cast<std::size_t>(len), '\0');
-    const bool whole = len == 0 || DBM_GetBinary(h, key.data(), klen, 0, len, out.data()) == len;
-    return whole ? out : "<short read>";
-}
-int del(int h, const std::string &key) {
-    return DBM_DeleteKey(h, key.data(), static_cast<unsigned int>(key.size()));
-}
 Strings keys(int h, unsigned int capacity, unsigned int type = 1) {
     std::vector<DBM_KEY_ENTRY_S> entries(capacity + 1);
     DBM_ITERATOR it = nullptr;
@@ -457,13 +415,13 @@ Strings keys(int h, unsigned int capacity, unsigned int type = 1) {
 // separate, and a partial write is refused rather than guessed at.
 TEST_F(HostDbmTest, DatabasesAreSeparateNamedSafelyAndWrittenWhole) {
     const int h = db_open(kRead | kWrite | kDelete);
-    ASSERT_EQ(set(h, "alpha", "v"), 0);
+    ASSERT_EQ(db_set(h, "alpha", "v"), 0);
     EXPECT_EQ(DBM_GetKeyNumByValueType(h, 1), 1u);
     EXPECT_EQ(DBM_GetKeyNumByValueType(db_open(kRead, "OTHER"), 1), 0u);
     int other = -1;
     EXPECT_EQ(DBM_Open("../x", "PKEY", 1, nullptr, &other), DBM_ERR_PARAM);
     EXPECT_EQ(DBM_SetBinary(h, "alpha", 5, 3, 1, "x", 1), DBM_ERR_PARAM);
-    EXPECT_EQ(get(h, "alpha"), "v");
+    EXPECT_EQ(db_get(h, "alpha"), "v");
 }
 
 TEST_F(HostDbmTest, ConcurrentWritersInSeveralProcessesLoseNothing) {
@@ -474,19 +432,19 @@ TEST_F(HostDbmTest, ConcurrentWritersInSeveralProcessesLoseNothing) {
     ASSERT_EQ(run_children(2, [&](int c) {
                   const int ch = db_open(kWrite);
                   for (int i = 0; i < kPerChild; ++i)
-                      if (set(ch, key(c, i), key(c, i) + "-value") != 0) return 1;
+                      if (db_set(ch, key(c, i), key(c, i) + "-value") != 0) return 1;
                   return DBM_Close(ch);
               }),
               2);
     EXPECT_EQ(DBM_GetKeyNumByValueType(h, 1), 2u * kPerChild);
     for (int c = 0; c < 2; ++c)
-        for (int i = 0; i < kPerChild; i += 97) EXPECT_EQ(get(h, key(c, i)), key(c, i) + "-value");
+        for (int i = 0; i < kPerChild; i += 97) EXPECT_EQ(db_get(h, key(c, i)), key(c, i) + "-value");
 }
 
 TEST_F(HostDbmTest, ABatchOfWritesIsSeenByOtherProcessesWhenItsHandleCloses) {
     const int h = db_open(kWrite | kDelete);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(set(h, "k" + std::to_string(i), "v"), 0);
-    ASSERT_EQ(del(h, "k0"), 0);
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(db_set(h, "k" + std::to_string(i), "v"), 0);
+    ASSERT_EQ(db_delete(h, "k0"), 0);
     const auto count_elsewhere = [] {
         return pkey::test::exit_code(pkey::test::spawn([] {
             return static_cast<int>(DBM_GetKeyNumByValueType(db_open(kRead), 1));
@@ -494,7 +452,7 @@ TEST_F(HostDbmTest, ABatchOfWritesIsSeenByOtherProcessesWhenItsHandleCloses) {
     };
     // Readers elsewhere are not held up by the open batch, and never see half of it.
     EXPECT_LE(count_elsewhere(), 1);
-    EXPECT_EQ(get(db_open(kRead), "k99"), "v");  // this process sees its own writes at once
+    EXPECT_EQ(db_get(db_open(kRead), "k99"), "v");  // this process sees its own writes at once
     ASSERT_EQ(DBM_Close(h), 0);
     EXPECT_EQ(count_elsewhere(), 99);
 }
@@ -527,8 +485,8 @@ TEST_F(HostDbmTest, AnUnreadableDatabaseFailsNamingTheFileAndSqlitesReason) {
     // A record that is not there is an answer, not a failure.
     HOST_ClearError();
     const int other = db_open(kRead | kDelete, "OTHER");
-    EXPECT_EQ(get(other, "missing"), "<none>");
-    EXPECT_EQ(del(other, "missing"), DBM_ERR_NOT_FOUND);
+    EXPECT_EQ(db_get(other, "missing"), "<none>");
+    EXPECT_EQ(db_delete(other, "missing"), DBM_ERR_NOT_FOUND);
     EXPECT_STREQ(HOST_LastError(), "");
 }
 
@@ -700,7 +658,7 @@ TEST_F(HostSettingsFileTest, DamagedForeignAndUnknownSettingsAreRefusedAndLeftAs
 TEST_F(HostSettingsFileTest, AfterARefusedOpenEveryServiceFailsClosedUntilAGoodOpen) {
     // The caches of the good store are warm: none of them may go on serving it.
     const int h = db_open(kRead | kWrite);
-    ASSERT_EQ(set(h, "k", "v"), 0);
+    ASSERT_EQ(db_set(h, "k", "v"), 0);
     const Bytes region = encrypt(plain(16));
     const Nodes standby{2};
     ASSERT_EQ(HOST_SetStandbyNodes(standby.data(), 1), 0);
@@ -722,7 +680,7 @@ TEST_F(HostSettingsFileTest, AfterARefusedOpenEveryServiceFailsClosedUntilAGoodO
     EXPECT_EQ(FS_GetNodePathName("/var/run/pkey", 1, sizeof out, out), kFsErrNoStore);
     EXPECT_EQ(FS_IsValidFullFileName("/tmp/x", 0, 0, 0), kFsErrNoStore);
     EXPECT_NE(DBM_Open("PKEY", "PKEY", kRead, nullptr, &h2), 0);
-    EXPECT_EQ(get(h, "k"), "<none>");  // a handle of the old store
+    EXPECT_EQ(db_get(h, "k"), "<none>");  // a handle of the old store
     EXPECT_TRUE(decrypt(region, 64).empty());
     EXPECT_NE(PKEY_Encrypt(4, "abcd", 64, sealed.data()), 0u);
     EXPECT_EQ(standby_nodes(), Nodes{});
@@ -744,7 +702,7 @@ TEST_F(HostSettingsFileTest, AfterARefusedOpenEveryServiceFailsClosedUntilAGoodO
     EXPECT_EQ(Mem_Alert_GetCurrentState(), 0);
     EXPECT_EQ(FS_GetNodeDefaultWorkDir(1, sizeof out, out), 0);
     EXPECT_EQ(decrypt(region, 64), plain(16));
-    EXPECT_EQ(get(db_open(kRead), "k"), "v");
+    EXPECT_EQ(db_get(db_open(kRead), "k"), "v");
     EXPECT_EQ(standby_nodes(), standby);
 }
 

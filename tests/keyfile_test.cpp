@@ -50,12 +50,8 @@ int save(unsigned int alg, EVP_PKEY *key, const char *name, unsigned int kind = 
     return PKEY_LOCAL_SaveLocalKey(alg, kind, key, name);
 }
 
-class KeyFileTest : public ::testing::Test {
+class KeyFileTest : public pkey::test::StoreTest {
 protected:
-    std::string mem_file(const char *rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
-    std::string dev_file(const char *rel) const { return store.work_dir(1) + "/" + rel; }
-
-    pkey::test::TempStore store;
     EVP_PKEY *rsa1024 = pkey::test::test_key("rsa1024"), *dsa1024 = pkey::test::test_key("dsa1024");
     EVP_PKEY *p256 = pkey::test::test_key("p256"), *p521 = pkey::test::test_key("p521");
 };
@@ -83,13 +79,13 @@ TEST_F(KeyFileTest, EveryAlgorithmRoundTripsAndFipsModeReadsOnlySha256ProtectedF
 
 TEST_F(KeyFileTest, BothCopiesHoldOneEncipheredImageStampedWithKindAndName) {
     ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, ""), 0);
-    const std::string record = read_record(PKEY_ALG_ECDSA, ""), mem = get(mem_file("ecdsakey"));
-    EXPECT_EQ(mem, get(dev_file("ecdsakey")));
+    const std::string record = read_record(PKEY_ALG_ECDSA, ""), image = get(mem("ecdsakey"));
+    EXPECT_EQ(image, get(dev("ecdsakey")));
     ASSERT_GT(record.size(), 84u);
-    ASSERT_EQ(mem.size(), record.size() + 19);
+    ASSERT_EQ(image.size(), record.size() + 19);
     // The header is plain; the body is not.
-    EXPECT_TRUE(std::equal(record.begin(), record.begin() + 84, mem.begin()));
-    EXPECT_FALSE(std::equal(record.begin() + 84, record.end(), mem.begin() + 84));
+    EXPECT_TRUE(std::equal(record.begin(), record.begin() + 84, image.begin()));
+    EXPECT_FALSE(std::equal(record.begin() + 84, record.end(), image.begin() + 84));
     EXPECT_EQ(record[82], 3);
 
     const std::string long_name(70, 'n');
@@ -108,7 +104,7 @@ TEST_F(KeyFileTest, EveryBitFlipOutsideKindAndNameBreaksTheKey) {
                                          {PKEY_ALG_DSA, dsa1024, "dsakey"},
                                          {PKEY_ALG_RSA, rsa1024, "hostkey"}}) {
         ASSERT_EQ(save(alg, key, ""), 0);
-        const std::string path = mem_file(file), good = get(path);
+        const std::string path = mem(file), good = get(path);
         for (size_t bit = 0; bit < good.size() * 8; ++bit) {
             std::string bad = good;
             bad[bit / 8] = static_cast<char>(bad[bit / 8] ^ (1 << bit % 8));
@@ -127,7 +123,7 @@ TEST_F(KeyFileTest, EveryBitFlipOutsideKindAndNameBreaksTheKey) {
 TEST_F(KeyFileTest, AnotherStoresDeviceKeyBreaksTheKey) {
     PKEY_TEST_HOST_ONLY("each store of the host platform has a device key of its own");
     ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, ""), 0);
-    const std::string good = get(mem_file("ecdsakey"));
+    const std::string good = get(mem("ecdsakey"));
     pkey::test::TempStore other;
     ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, ""), 0);
     put(other.mem_dir(1) + "/pkey/ecdsakey", good);
@@ -156,7 +152,7 @@ TEST_F(KeyFileTest, RecordCheckCoversAllButKindAndNameAndPlainRecordsNeverPassIt
     record[82] = 1;
     ASSERT_EQ(write(len, "plain"), 0);
     const std::string plain(record.begin(), record.end());
-    EXPECT_EQ(get(mem_file("ecdsa/plain.key")), plain);
+    EXPECT_EQ(get(mem("ecdsa/plain.key")), plain);
     EXPECT_EQ(read_record(PKEY_ALG_ECDSA, "plain"), plain);
     EXPECT_EQ(read_key(PKEY_ALG_ECDSA, "plain"), nullptr);
     PCTL_SetFipsMode(1);
@@ -167,8 +163,8 @@ TEST_F(KeyFileTest, RecordCheckCoversAllButKindAndNameAndPlainRecordsNeverPassIt
     EXPECT_EQ(write(len, "two"), kFailed);
     record[82] = 3;
     EXPECT_EQ(write(len - 1, "short"), kFailed);
-    EXPECT_FALSE(fsys::exists(mem_file("ecdsa/two.key")));
-    EXPECT_FALSE(fsys::exists(dev_file("pkey/ecdsa/short.key")));
+    EXPECT_FALSE(fsys::exists(mem("ecdsa/two.key")));
+    EXPECT_FALSE(fsys::exists(dev("pkey/ecdsa/short.key")));
 
     record[8] = 64;
     record[40] = 'z';
@@ -200,21 +196,21 @@ TEST_F(KeyFileTest, CreationTimeComesBackAsText) {
 
 TEST_F(KeyFileTest, AFailedCopyLeavesNeitherCopy) {
     // A directory standing where the device copy goes makes its open fail.
-    fsys::create_directories(dev_file("hostkey"));
+    fsys::create_directories(dev("hostkey"));
     EXPECT_EQ(save(PKEY_ALG_RSA, rsa1024, ""), kFailed);
-    EXPECT_FALSE(fsys::exists(mem_file("hostkey")));
+    EXPECT_FALSE(fsys::exists(mem("hostkey")));
     EXPECT_EQ(read_key(PKEY_ALG_RSA, ""), nullptr);
     // And one where the memory copy goes stops the device write.
-    fsys::create_directories(mem_file("dsakey"));
+    fsys::create_directories(mem("dsakey"));
     EXPECT_EQ(save(PKEY_ALG_DSA, dsa1024, ""), kFailed);
-    EXPECT_FALSE(fsys::exists(dev_file("dsakey")));
+    EXPECT_FALSE(fsys::exists(dev("dsakey")));
 }
 
 TEST_F(KeyFileTest, ASavedKeyReachesEveryStandbyNodesFlash) {
     const unsigned short standby[] = {2, 5};
     PCTL_SetStandbyNodes(standby, 2);
     ASSERT_EQ(save(PKEY_ALG_ECDSA, p256, "k"), 0);
-    const std::string image = get(dev_file("pkey/ecdsa/k.key"));
+    const std::string image = get(dev("pkey/ecdsa/k.key"));
     for (unsigned int node : {2u, 5u})
         EXPECT_EQ(get(store.work_dir(node) + "/pkey/ecdsa/k.key"), image) << node;
     EXPECT_FALSE(fsys::exists(store.mem_dir(2) + "/pkey"));
@@ -269,37 +265,37 @@ TEST_F(KeyFileTest, OneFileUnderBothCopiesNamesFailsAWritePromptlyAndLosesNothin
     using pkey::test::exit_code_within;
     auto fails = [](auto call) { return exit_code_within([&] { return call() == kFailed ? 0 : 1; }); };
     ASSERT_EQ(save(PKEY_ALG_RSA, rsa1024, ""), 0);
-    const std::string flash_rsa = get(dev_file("hostkey"));
-    fsys::remove(mem_file("hostkey"));
-    fsys::create_hard_link(dev_file("hostkey"), mem_file("hostkey"));
+    const std::string flash_rsa = get(dev("hostkey"));
+    fsys::remove(mem("hostkey"));
+    fsys::create_hard_link(dev("hostkey"), mem("hostkey"));
     EXPECT_EQ(fails([&] { return save(PKEY_ALG_RSA, rsa1024, ""); }), 0);
     EXPECT_EQ(fails([&] { return PKEY_SaveHostKey(rsa1024); }), 0);
-    EXPECT_EQ(get(dev_file("hostkey")), flash_rsa);
+    EXPECT_EQ(get(dev("hostkey")), flash_rsa);
     EXPECT_TRUE(same_pair(read_key(PKEY_ALG_RSA, "").get(), rsa1024));
 
     // The memory key directory as a link to the work directory: the default
     // keys of both copies are then one path.
     ASSERT_EQ(save(PKEY_ALG_DSA, dsa1024, ""), 0);
-    const std::string flash_dsa = get(dev_file("dsakey"));
+    const std::string flash_dsa = get(dev("dsakey"));
     fsys::remove_all(store.mem_dir(1) + "/pkey");
     fsys::create_directory_symlink(store.work_dir(1), store.mem_dir(1) + "/pkey");
     EXPECT_EQ(fails([&] { return save(PKEY_ALG_DSA, dsa1024, ""); }), 0);
-    EXPECT_EQ(get(dev_file("dsakey")), flash_dsa);
+    EXPECT_EQ(get(dev("dsakey")), flash_dsa);
     // A new key is made as the memory copy, the device open finds the file
     // this thread holds, and the clean-up removes it: nothing is left behind.
     EXPECT_EQ(fails([&] {
                   return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_ECDSA, PKEY_NID_P256, PKEY_KEY_HOST, 0, "");
               }),
               0);
-    EXPECT_FALSE(fsys::exists(dev_file("ecdsakey")));
-    EXPECT_EQ(get(dev_file("dsakey")), flash_dsa);
+    EXPECT_FALSE(fsys::exists(dev("ecdsakey")));
+    EXPECT_EQ(get(dev("dsakey")), flash_dsa);
 }
 
 TEST_F(KeyFileTest, AFifoInPlaceOfAKeyFileFailsReadsAndWritesPromptly) {
     fsys::create_directories(store.mem_dir(1) + "/pkey/ecdsa");
     fsys::create_directories(store.work_dir(1) + "/pkey/ecdsa");
-    ASSERT_EQ(mkfifo(mem_file("ecdsa/m.key").c_str(), 0660), 0);
-    ASSERT_EQ(mkfifo(dev_file("pkey/ecdsa/d.key").c_str(), 0660), 0);
+    ASSERT_EQ(mkfifo(mem("ecdsa/m.key").c_str(), 0660), 0);
+    ASSERT_EQ(mkfifo(dev("pkey/ecdsa/d.key").c_str(), 0660), 0);
     EXPECT_EQ(pkey::test::exit_code_within([&] {
                   return read_key(PKEY_ALG_ECDSA, "m") == nullptr &&
                                  PKEY_GetHostKey(EVP_PKEY_EC, "m") == nullptr &&
@@ -310,8 +306,8 @@ TEST_F(KeyFileTest, AFifoInPlaceOfAKeyFileFailsReadsAndWritesPromptly) {
               }),
               0);
     // The FIFOs are still there; the failed save left no memory copy of "d".
-    EXPECT_TRUE(fsys::is_fifo(mem_file("ecdsa/m.key")) && fsys::is_fifo(dev_file("pkey/ecdsa/d.key")));
-    EXPECT_FALSE(fsys::exists(mem_file("ecdsa/d.key")));
+    EXPECT_TRUE(fsys::is_fifo(mem("ecdsa/m.key")) && fsys::is_fifo(dev("pkey/ecdsa/d.key")));
+    EXPECT_FALSE(fsys::exists(mem("ecdsa/d.key")));
 }
 
 // Threads of one process wait for each other's locks as processes do; the
@@ -368,7 +364,7 @@ TEST_F(CreateTest, TheDefaultRsaHostKeyBringsAServerKeyOutsideFipsModeWithinTheT
         ASSERT_EQ(generate(PKEY_ALG_RSA, r.host, r.name), 0);
         EXPECT_EQ(bits_of(PKEY_ALG_RSA, r.name, PKEY_KEY_HOST), r.host);
         EXPECT_EQ(bits_of(PKEY_ALG_RSA, "", PKEY_KEY_SERVER), r.server) << r.host << r.name;
-        EXPECT_EQ(fsys::exists(dev_file("serverkey")), r.server != 0) << r.host << r.name;
+        EXPECT_EQ(fsys::exists(dev("serverkey")), r.server != 0) << r.host << r.name;
     }
 }
 
@@ -392,13 +388,13 @@ TEST_F(CreateTest, RenewingTheServerKeyKeepsItsSizeOrDerivesIt) {
     EXPECT_EQ(bits_of(PKEY_ALG_RSA, "", PKEY_KEY_SERVER), 640u);
     EXPECT_NE(EVP_PKEY_eq(before.get(), read_key(PKEY_ALG_RSA, "", PKEY_KEY_SERVER).get()), 1);
     // Without a server key, its size follows the host key.
-    fsys::remove(mem_file("serverkey"));
+    fsys::remove(mem("serverkey"));
     ASSERT_EQ(PKEY_SaveHostKey(rsa1024), 0);
     ASSERT_EQ(PKEY_UpdateServerKey(EVP_PKEY_RSA, ""), 0);
     EXPECT_EQ(bits_of(PKEY_ALG_RSA, "", PKEY_KEY_SERVER), 768u);
-    const std::string server = get(dev_file("serverkey"));
+    const std::string server = get(dev("serverkey"));
     EXPECT_EQ(PKEY_UpdateServerKey(EVP_PKEY_DSA, ""), kFailed);
-    EXPECT_EQ(get(dev_file("serverkey")), server);
+    EXPECT_EQ(get(dev("serverkey")), server);
 }
 
 TEST_F(CreateTest, CallersKeysAreStoredAsDefaultHostOrServerKey) {
@@ -406,7 +402,7 @@ TEST_F(CreateTest, CallersKeysAreStoredAsDefaultHostOrServerKey) {
     EXPECT_TRUE(same_pair(read_key(PKEY_ALG_DSA, "").get(), dsa1024));
     // Any supported key becomes the one server key file.
     ASSERT_EQ(PKEY_SaveServerKey(p256), 0);
-    EXPECT_TRUE(fsys::exists(dev_file("serverkey")));
+    EXPECT_TRUE(fsys::exists(dev("serverkey")));
     EXPECT_TRUE(same_pair(read_key(PKEY_ALG_ECDSA, "", PKEY_KEY_SERVER).get(), p256));
     EvpPkeyPtr ed(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
     EXPECT_EQ(PKEY_SaveHostKey(ed.get()), kFailed);

@@ -20,10 +20,7 @@ namespace {
 using pkey::EvpPkeyPtr;
 using pkey::test::bn_param_hex;
 
-class KeygenTest : public ::testing::Test {
-protected:
-    pkey::test::TempStore store;
-};
+using KeygenTest = pkey::test::StoreTest;
 
 std::string curve_of(const EVP_PKEY *key) {
     char name[64] = "";

@@ -24,9 +24,8 @@ constexpr int kFailed = static_cast<int>(PKEY_ERR_FAILED);
 
 EVP_PKEY *key(const char *name) { return pkey::test::test_key(name); }
 
-class LookupTest : public ::testing::Test {
+class LookupTest : public pkey::test::StoreTest {
 protected:
-    std::string dev(const std::string &rel) const { return store.work_dir(1) + "/" + rel; }
     // Protection 3 (MD5) outside FIPS mode, 4 (SHA-256) when saved in FIPS mode.
     static void save(unsigned int alg, unsigned int kind, EVP_PKEY *k, const char *name,
                      bool fips = false) {
@@ -37,8 +36,6 @@ protected:
         PCTL_SetFipsMode(fips ? 1 : 0);
         return PKEY_DestroyNonFIPSApprovedKeyPairs(path.c_str());
     }
-
-    pkey::test::TempStore store;
 };
 
 TEST_F(LookupTest, KeyNameCharactersAreAsciiLettersDigitsAndDashOnly) {
@@ -103,8 +100,7 @@ TEST_F(LookupTest, LookupsGiveNothingForMissingWrongOrCorruptKeys) {
 
     // A damaged memory copy still exists but is no longer handed out.
     // Its record marker, covered by the digest, changes.
-    const std::string mem = store.mem_dir(1) + "/pkey/dsa/d1.key";
-    std::fstream(mem, std::ios::in | std::ios::out | std::ios::binary).seekp(4).put('\x55');
+    std::fstream(mem("dsa/d1.key"), std::ios::in | std::ios::out | std::ios::binary).seekp(4).put('\x55');
     EXPECT_EQ(PKEY_GetHostKey(EVP_PKEY_DSA, "d1"), nullptr);
     EXPECT_EQ(PKEY_IsKeyExist(EVP_PKEY_DSA, "d1"), 1);
 }

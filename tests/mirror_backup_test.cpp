@@ -38,11 +38,9 @@ int remove_op(const void *, unsigned int, const char *path) {
     return PKEY_FS_RemoveFileFromVFS(0, 0, path);
 }
 
-class MirrorTest : public ::testing::Test {
+class MirrorTest : public pkey::test::StoreTest {
 protected:
     std::string work() const { return store.work_dir(1); }
-    std::string mem() const { return store.mem_dir(1) + "/pkey"; }
-    pkey::test::TempStore store;
 };
 
 TEST_F(MirrorTest, FillsAnAbsentMirrorWithExactlyTheKeysOnFlash) {
@@ -52,20 +50,20 @@ TEST_F(MirrorTest, FillsAnAbsentMirrorWithExactlyTheKeysOnFlash) {
                         {"other", "not a key file"}};
     seed(work(), flash);
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "1"}, {"serverkey", "2"}, {"dsakey", "3"},
+    EXPECT_EQ(tree(mem("")), (Tree{{"hostkey", "1"}, {"serverkey", "2"}, {"dsakey", "3"},
                                  {"ecdsakey", "4"}, {"rsa/r.key", "5"}, {"dsa/d.key", "6"},
                                  {"ecdsa/e.key", "7"}}));
 }
 
 TEST_F(MirrorTest, IsMadeOnceThereIsAKeyAndNeverRefreshed) {
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_FALSE(fsys::exists(mem()));
+    EXPECT_FALSE(fsys::exists(mem("")));
     put(work() + "/hostkey", "first");
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     put(work() + "/hostkey", "second");
     put(work() + "/dsakey", "new");
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_EQ(tree(mem()), (Tree{{"hostkey", "first"}}));
+    EXPECT_EQ(tree(mem("")), (Tree{{"hostkey", "first"}}));
 }
 
 TEST_F(MirrorTest, FollowsTheRunningNode) {
@@ -73,7 +71,7 @@ TEST_F(MirrorTest, FollowsTheRunningNode) {
     put(store.work_dir(3) + "/hostkey", "three");
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     EXPECT_EQ(tree(store.mem_dir(3) + "/pkey"), (Tree{{"hostkey", "three"}}));
-    EXPECT_FALSE(fsys::exists(mem()));
+    EXPECT_FALSE(fsys::exists(mem("")));
 }
 
 TEST_F(MirrorTest, CopyFile2FileCopiesWholeFilesAndRefusesMissingOnes) {

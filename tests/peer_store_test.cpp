@@ -98,9 +98,8 @@ EvpPkeyPtr explicit_key(int nid, point_conversion_form_t form, Explicit how,
     return decoded(der);
 }
 
-class PeerTest : public ::testing::Test {
+class PeerTest : public pkey::test::StoreTest {
 protected:
-    pkey::test::TempStore store;
     EVP_PKEY *rsa1024 = pkey::test::test_key("rsa1024"), *rsa2048 = pkey::test::test_key("rsa2048");
     EVP_PKEY *p192 = pkey::test::test_key("p192"), *p256 = pkey::test::test_key("p256");
 };

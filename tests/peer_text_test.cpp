@@ -60,13 +60,10 @@ bool same_key(const EVP_PKEY *got, const EVP_PKEY *want) {
     return got != nullptr && PKEY_CmpPubKey(got, want) == 1 && EVP_PKEY_eq(got, want) == 1;
 }
 
-class PeerText : public ::testing::Test {
-protected:
-    pkey::test::TempStore store_;
-};
+using PeerText = pkey::test::StoreTest;
 
 TEST_F(PeerText, EveryFormOfRealToolsReadsToTheKeyItWasMadeFrom) {
-    const std::string dir = store_.root() + "/tools/";
+    const std::string dir = store.root() + "/tools/";
     ASSERT_TRUE(std::filesystem::create_directories(dir));
     const struct { const char *type; int bits; } kinds[] = {
         {"rsa", 2048}, {"dsa", 1024}, {"ecdsa", 256}, {"ecdsa", 384}, {"ecdsa", 521}};

@@ -17,10 +17,7 @@ using pkey::test::dsa_public_of_bits;
 using pkey::test::ec_key_on;
 using pkey::test::rsa_public_of_bits;
 
-class PolicyTest : public ::testing::Test {
-protected:
-    pkey::test::TempStore store;
-};
+using PolicyTest = pkey::test::StoreTest;
 
 TEST_F(PolicyTest, MapsEvpTypesAndAlgIdsBothWays) {
     EXPECT_EQ(PKEY_PUBKEY_GetPkeyAlgIdByEvpId(EVP_PKEY_RSA), PKEY_ALG_RSA);

@@ -106,10 +106,9 @@ bool digest_matches(const Bytes &rec, const EVP_MD *md) {
     return Bytes(rec.end() - d, rec.end()) == expected;
 }
 
-class StoreRecordTest : public ::testing::Test {
+class StoreRecordTest : public pkey::test::StoreTest {
 protected:
     void SetUp() override { ASSERT_EQ(rsa1024().label, "RSA 1024") << "no full-size RSA key"; }
-    pkey::test::TempStore store;
 };
 
 TEST_F(StoreRecordTest, Rsa1024WithFullSizeComponentsHasTheExactLayout) {

@@ -61,13 +61,9 @@ T *shared_block() {
 template <size_t N>
 long sum(const long (&a)[N]) { return std::accumulate(a, a + N, 0L); }
 
-class StressTest : public ::testing::Test {
+class StressTest : public pkey::test::StoreTest {
 protected:
-    std::string mem_file(const char *rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
-    std::string dev_file(const char *rel) const { return store.work_dir(1) + "/" + rel; }
-
     static inline const unsigned int seed = std::random_device{}();
-    pkey::test::TempStore store;
     // Every key any writer saves comes from here; made before any child is forked.
     const Pool ec = {pkey::test::test_key("p256"), pkey::test::test_key("p256#2"),
                      pkey::test::test_key("p256#3")};
@@ -286,24 +282,24 @@ TEST_F(StressTest, FipsLookupsAmongWritersNeverReturnARefusedKey) {
 TEST_F(StressTest, SavedKeyFilesAndDirectoriesHaveTheirModesAndPlantedLinksAreNeverFollowed) {
     ASSERT_EQ(save_host(PKEY_ALG_ECDSA, ec[0]), 0);
     ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa[0], "perm-1"), 0);
-    for (const std::string &file : {dev_file("ecdsakey"), mem_file("ecdsakey"),
-                                    dev_file("pkey/rsa/perm-1.key"), mem_file("rsa/perm-1.key")})
+    for (const std::string &file : {dev("ecdsakey"), mem("ecdsakey"),
+                                    dev("pkey/rsa/perm-1.key"), mem("rsa/perm-1.key")})
         EXPECT_EQ(pkey::test::mode_of(file), 0660u) << file;
-    for (const std::string &dir : {dev_file("pkey"), dev_file("pkey/rsa"), mem_file(""),
-                                   mem_file("rsa")})
+    for (const std::string &dir : {dev("pkey"), dev("pkey/rsa"), mem(""),
+                                   mem("rsa")})
         EXPECT_EQ(pkey::test::mode_of(dir), 0770u) << dir;
 
     // The link target holds a valid image of another key, so following it would show.
     ASSERT_EQ(save_host(PKEY_ALG_RSA, rsa[1]), 0);
-    const std::string other = get(mem_file("hostkey")), target = store.root() + "/outside";
+    const std::string other = get(mem("hostkey")), target = store.root() + "/outside";
     put(target, other);
-    for (const std::string &link : {dev_file("hostkey"), mem_file("hostkey")}) {
+    for (const std::string &link : {dev("hostkey"), mem("hostkey")}) {
         ASSERT_EQ(save_host(PKEY_ALG_RSA, rsa[0]), 0);
         std::filesystem::remove(link);
         std::filesystem::create_symlink(target, link);
         // Only the memory copy is read: a link there reads as no key; one in flash changes nothing.
         EvpPkeyPtr seen = host_key(PKEY_ALG_RSA);
-        EXPECT_TRUE(link == mem_file("hostkey") ? !seen : same_pair(seen.get(), rsa[0])) << link;
+        EXPECT_TRUE(link == mem("hostkey") ? !seen : same_pair(seen.get(), rsa[0])) << link;
         // The save fails at the link and takes the other copy with it; the target stays.
         EXPECT_NE(save_host(PKEY_ALG_RSA, rsa[2]), 0) << link;
         EXPECT_EQ(get(target), other) << link;

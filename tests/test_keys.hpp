@@ -10,6 +10,7 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -133,6 +134,38 @@ inline EVP_PKEY *test_key(const std::string &name) {
         else if (kind.starts_with("dsa")) key.reset(PKEY_GenerateDSAKey(bits()));
     }
     return key.get();
+}
+
+// SSH key buffers built by hand, so that they can hold what no encoder
+// writes: a field is a 32-bit length (the data's own unless declared) and the
+// data; the ECDSA part behind the key type name is curve identifier and point.
+inline void put_field(std::vector<unsigned char> &b, const std::vector<unsigned char> &data,
+                      std::int64_t declared = -1) {
+    const auto len = static_cast<std::uint32_t>(declared < 0 ? std::int64_t(data.size()) : declared);
+    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<unsigned char>(len >> s));
+    b.insert(b.end(), data.begin(), data.end());
+}
+inline std::vector<unsigned char> ec_tail(const std::string &id, const std::vector<unsigned char> &point,
+                                          std::int64_t declared = -1) {
+    std::vector<unsigned char> b;
+    put_field(b, std::vector<unsigned char>(id.begin(), id.end()));
+    put_field(b, point, declared);
+    return b;
+}
+
+// Standard Base64 of bytes, and the bytes of a padded Base64 text.
+inline std::string base64(const std::vector<unsigned char> &b) {
+    std::string out(b.size() * 4 / 3 + 4, '\0');
+    out.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()),
+                                                   b.data(), static_cast<int>(b.size()))));
+    return out;
+}
+inline std::vector<unsigned char> unbase64(const std::string &text) {
+    std::vector<unsigned char> out(text.size());
+    const int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()),
+                                  static_cast<int>(text.size()));
+    out.resize(static_cast<size_t>(n) - (text.size() - 1 - text.find_last_not_of('=')));
+    return out;
 }
 
 // Public and private parts equal.

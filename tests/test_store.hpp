@@ -43,6 +43,15 @@
 
 namespace pkey::test {
 
+// A test on a fresh store of its own, with the paths of node 1's key files:
+// mem("rsa/k.key") names a memory copy, dev("pkey/rsa/k.key") a device copy.
+class StoreTest : public ::testing::Test {
+protected:
+    std::string mem(const std::string &rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
+    std::string dev(const std::string &rel) const { return store.work_dir(1) + "/" + rel; }
+    TempStore store;
+};
+
 // The peer key names of the current store, as the sorted name list gives them.
 inline std::vector<std::string> peer_names() {
     const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_READ);

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "pkey_platform.h"
+#include "platform_calls.hpp"
 #include "platform_control.h"
 #include "temp_store.hpp"
 #include "test_util.hpp"
@@ -32,9 +33,7 @@
 namespace {
 
 namespace fsys = std::filesystem;
-using pkey::test::exit_code;
-using pkey::test::spawn;
-using pkey::test::TempStore;
+using namespace pkey::test;  // NOLINT(google-build-using-namespace): the suite's helpers
 using Bytes = std::vector<unsigned char>;
 using Strings = std::vector<std::string>;
 
@@ -43,10 +42,6 @@ constexpr unsigned int kAlgoCodes[] = {CRYPTO_ALG_MD5, CRYPTO_ALG_SHA256, CRYPTO
                                        CRYPTO_ALG_DSA, CRYPTO_ALG_ECDSA,  CRYPTO_ALG_OTHER};
 // The message numbers the peer key-code entry prints.
 constexpr unsigned int kLibraryMessages[] = {0x060C0032U, 0x060C003BU, 0x060C003CU};
-// The database, table, options and value type of the peer key store.
-constexpr const char *kDb = "PKEY";
-const DBM_OPEN_OPTIONS_S kOptions{1, 0, 1, 0, "1"};
-constexpr unsigned int kPeerType = 1;
 // The library's path buffers: 512 bytes for key files, 256 for the batch
 // copy's work directories, 4096 for its memory root.
 constexpr unsigned int kPathSizes[] = {256, 512, 4096};
@@ -56,6 +51,11 @@ constexpr unsigned int kPathSizes[] = {256, 512, 4096};
 constexpr unsigned int kLargestBody = 16384;
 constexpr unsigned int kLargestValue = 4096;
 constexpr unsigned char kCanary = 0xA5;
+// Whether every byte of b from offset from on still holds the canary.
+bool untouched(const Bytes &b, std::size_t from) {
+    return std::all_of(b.begin() + static_cast<long>(from), b.end(),
+                       [](unsigned char c) { return c == kCanary; });
+}
 
 class PlatformTest : public ::testing::Test {
 protected:
@@ -125,30 +125,6 @@ std::string describe(const Place &p) {
            std::to_string(p.location2) + " " + p.device + ":" + p.dir + "|" + p.file;
 }
 
-int db_open(int mode) {
-    int handle = -1;
-    EXPECT_EQ(DBM_Open(kDb, kDb, mode, &kOptions, &handle), DBM_OK) << "mode " << mode;
-    return handle;
-}
-int db_set(int h, const std::string &key, const std::string &value, int offset = -1,
-           unsigned int type = kPeerType) {
-    return DBM_SetBinary(h, key.data(), static_cast<unsigned int>(key.size()), offset,
-                         static_cast<unsigned int>(value.size()), value.data(), type);
-}
-// The whole value as the library reads it (DBM_Len, then DBM_GetBinary from 0); "<none>" when
-// absent.
-std::string db_get(int h, const std::string &key) {
-    const auto klen = static_cast<unsigned int>(key.size());
-    const int len = DBM_Len(h, key.data(), klen);
-    if (len < 1) return "<none>";
-    std::string out(static_cast<std::size_t>(len), '\0');
-    const int got =
-        DBM_GetBinary(h, key.data(), klen, 0, static_cast<unsigned int>(len), out.data());
-    return got == len ? out : "<read " + std::to_string(got) + " of " + std::to_string(len) + ">";
-}
-int db_delete(int h, const std::string &key) {
-    return DBM_DeleteKey(h, key.data(), static_cast<unsigned int>(key.size()));
-}
 // The keys of one listing of the given capacity, as the library lists them.
 Strings db_keys(int h, unsigned int capacity, unsigned int type = kPeerType) {
     std::vector<DBM_KEY_ENTRY_S> entries(capacity);
@@ -162,29 +138,6 @@ Strings db_keys(int h, unsigned int capacity, unsigned int type = kPeerType) {
     return out;
 }
 
-Bytes plain(std::size_t n, unsigned int seed = 7) {
-    Bytes p(n);
-    for (std::size_t i = 0; i < n; ++i)
-        p[i] = static_cast<unsigned char>((i * 31 + seed) ^ (i >> 8));
-    return p;
-}
-// The region PKEY_Encrypt fills for p, as big as the library gives it and
-// preset to fill; empty when Encrypt refused.
-Bytes encrypt(const Bytes &p, unsigned char fill = 0xEE) {
-    Bytes region(p.size() + PKEY_CIPHER_OVERHEAD, fill);
-    const unsigned int r = PKEY_Encrypt(static_cast<unsigned int>(p.size()), p.data(),
-                                        static_cast<unsigned int>(region.size()), region.data());
-    EXPECT_EQ(r, 0u) << "PKEY_Encrypt of " << p.size() << " bytes";
-    return r == 0 ? region : Bytes();
-}
-// The plain bytes Decrypt gives for the whole region, with room as the library gives it.
-Bytes decrypt(const Bytes &region, std::size_t cap) {
-    Bytes out(cap);
-    const unsigned int n = PKEY_Decrypt(static_cast<unsigned int>(region.size()), region.data(),
-                                        static_cast<unsigned int>(cap), out.data());
-    out.resize(std::min<std::size_t>(n, cap));
-    return out;
-}
 // How much of its region the cipher writes for p: the bytes behind are those
 // that keep whatever the region held before.
 std::size_t used_length(const Bytes &p) {
@@ -199,19 +152,13 @@ std::size_t used_length(const Bytes &p) {
 
 using FreshStore = PlatformTest;
 
-TEST_F(FreshStore, IsNodeOneWithNoStandbyNormalStatusesNoAlarmDefaultSwitchesAndAnEmptyDatabase) {
+// Its statuses, memory alarm and switches are checked with their services.
+TEST_F(FreshStore, IsNodeOneWithNoStandbyAndAnEmptyDatabase) {
     EXPECT_EQ(DEV_GetSelf(), 1);
     unsigned int count = 0;
     unsigned short *standby = DEV_GetAllStandbyNodes(&count);
     EXPECT_TRUE(standby == nullptr || count == 0);
     std::free(standby);
-    for (unsigned int node : {1u, 2u, 3u}) {
-        int status = -1;
-        EXPECT_EQ(DEV_GetDeviceStatusEx(node, 0xFFFF, &status), 0);
-        EXPECT_EQ(status, DEV_STATUS_NORMAL) << node;
-    }
-    EXPECT_EQ(Mem_Alert_GetCurrentState(), 0);
-    for (unsigned int code : kAlgoCodes) EXPECT_EQ(CRYPTO_AlgoIsEnabled(code), 1) << code;
     const int h = db_open(DBM_MODE_READ);
     EXPECT_EQ(DBM_GetKeyNumByValueType(h, kPeerType), 0u);
     DBM_Close(h);
@@ -222,19 +169,16 @@ TEST_F(FreshStore, IsNodeOneWithNoStandbyNormalStatusesNoAlarmDefaultSwitchesAnd
 
 using ConfigDatabase = PlatformTest;
 
-TEST_F(ConfigDatabase, OpensInEveryModeTheLibraryUsesWithAHandleOtherThanMinusOne) {
+TEST_F(ConfigDatabase, OpensInEveryModeTheLibraryUsesAndRefusesOthersWithParamError) {
     for (int mode : {1, 2, 3, 6, 4, 7}) {
         int handle = -1;
-        ASSERT_EQ(DBM_Open(kDb, kDb, mode, &kOptions, &handle), DBM_OK) << mode;
+        ASSERT_EQ(DBM_Open(kDb, kDb, mode, &kDbOptions, &handle), DBM_OK) << mode;
         EXPECT_NE(handle, -1) << mode;
         DBM_Close(handle);
     }
-}
-
-TEST_F(ConfigDatabase, RefusesAnOpenModeOutsideReadDeleteAndWriteWithParamError) {
     for (int mode : {0, 8, 9, 16, -1}) {
         int handle = -1;
-        EXPECT_EQ(DBM_Open(kDb, kDb, mode, &kOptions, &handle), DBM_ERR_PARAM) << mode;
+        EXPECT_EQ(DBM_Open(kDb, kDb, mode, &kDbOptions, &handle), DBM_ERR_PARAM) << mode;
     }
 }
 
@@ -333,8 +277,7 @@ TEST_F(ConfigDatabase, GetBinaryCopiesAtMostSizeBytesFromTheOffsetAndNothingBeyo
             << c.offset << "+" << c.size;
         EXPECT_EQ(std::string(buf.begin(), buf.begin() + c.copied),
                   value.substr(c.offset, c.copied));
-        EXPECT_TRUE(std::all_of(buf.begin() + c.copied, buf.end(),
-                                [](unsigned char b) { return b == kCanary; }))
+        EXPECT_TRUE(untouched(buf, static_cast<std::size_t>(c.copied)))
             << "wrote past the bytes it reported, offset " << c.offset << " size " << c.size;
     }
     char buf[8];
@@ -471,11 +414,11 @@ TEST_F(ConfigDatabase, WritesOfOneProcessAreSeenByAnotherOnceItsHandleIsClosed) 
     DBM_Close(h);
     EXPECT_EQ(exit_code(spawn([] {
                   int c = -1;
-                  if (DBM_Open(kDb, kDb, DBM_MODE_READ, &kOptions, &c) != DBM_OK) return 1;
+                  if (DBM_Open(kDb, kDb, DBM_MODE_READ, &kDbOptions, &c) != DBM_OK) return 1;
                   const bool seen = db_get(c, "parent") == "p";
                   DBM_Close(c);
                   if (!seen) return 2;
-                  if (DBM_Open(kDb, kDb, DBM_MODE_WRITE | DBM_MODE_DELETE, &kOptions, &c) != DBM_OK)
+                  if (DBM_Open(kDb, kDb, DBM_MODE_WRITE | DBM_MODE_DELETE, &kDbOptions, &c) != DBM_OK)
                       return 3;
                   const int r = db_set(c, "child", "c");
                   DBM_Close(c);
@@ -563,7 +506,7 @@ TEST_F(ChangeTracking, ChangedKeysComeInWriteOrderAPageAtATime) {
     // The counts belong to the database: another process and a reopened store see them.
     EXPECT_EQ(exit_code(spawn([] {
                   int c = -1;
-                  if (DBM_Open(kDb, kDb, DBM_MODE_READ | DBM_MODE_WRITE, &kOptions, &c) != DBM_OK) return 1;
+                  if (DBM_Open(kDb, kDb, DBM_MODE_READ | DBM_MODE_WRITE, &kDbOptions, &c) != DBM_OK) return 1;
                   const int r = db_set(c, "child", "c");
                   DBM_Close(c);
                   return r == DBM_OK ? 0 : 2;
@@ -591,28 +534,19 @@ TEST_F(DeviceService, SelfNodeIsTheOneLastSet) {
 
 TEST_F(DeviceService, StandbyNodesComeAsAMallocedArrayTheCallerFrees) {
     const unsigned short nodes[] = {2, 5, 3, 9, 1000, 65535};
-    ASSERT_EQ(PCTL_SetStandbyNodes(nodes, 6), 0) << PCTL_LastError();
-    unsigned int count = 0;
-    unsigned short *got = DEV_GetAllStandbyNodes(&count);
-    ASSERT_NE(got, nullptr);
-    ASSERT_EQ(count, 6u);
-    EXPECT_EQ(std::multiset<unsigned short>(got, got + count),
-              std::multiset<unsigned short>(nodes, nodes + 6));
-    std::free(got);
-
-    ASSERT_EQ(PCTL_SetStandbyNodes(nodes, 1), 0);
-    count = 0;
-    got = DEV_GetAllStandbyNodes(&count);
-    ASSERT_NE(got, nullptr);
-    EXPECT_EQ(count, 1u);
-    EXPECT_EQ(got[0], 2);
-    std::free(got);
-
-    ASSERT_EQ(PCTL_SetStandbyNodes(nullptr, 0), 0);
-    count = 0;
-    got = DEV_GetAllStandbyNodes(&count);
-    EXPECT_TRUE(got == nullptr || count == 0) << "none left, yet " << count;
-    std::free(got);
+    for (unsigned int n : {6u, 1u, 0u}) {
+        ASSERT_EQ(PCTL_SetStandbyNodes(n != 0 ? nodes : nullptr, n), 0) << PCTL_LastError();
+        unsigned int count = 0;
+        unsigned short *got = DEV_GetAllStandbyNodes(&count);
+        if (n == 0) {
+            EXPECT_TRUE(got == nullptr || count == 0) << "none left, yet " << count;
+        } else {
+            ASSERT_NE(got, nullptr) << n;
+            EXPECT_EQ(std::multiset<unsigned short>(got, got + count),
+                      std::multiset<unsigned short>(nodes, nodes + n));
+        }
+        std::free(got);
+    }
 }
 
 TEST_F(DeviceService, EveryNodeIsNormalUntilItsStatusIsSet) {
@@ -840,8 +774,7 @@ TEST_F(KeyFileCipher, EncryptWritesAtMostInLenPlus19BytesWhateverTheRoomGiven) {
             if (n != 0) {
                 EXPECT_EQ(r, 0u) << n;  // nothing to encipher may be refused
             }
-            EXPECT_TRUE(std::all_of(region.begin() + n + PKEY_CIPHER_OVERHEAD, region.end(),
-                                    [](unsigned char b) { return b == kCanary; }))
+            EXPECT_TRUE(untouched(region, n + PKEY_CIPHER_OVERHEAD))
                 << n << " bytes with room for " << cap;
         }
         if (n == 0) continue;
@@ -888,9 +821,7 @@ TEST_F(KeyFileCipher, DecryptRefusesLessRoomThanThePlainLengthWithoutWritingPast
             PKEY_Decrypt(static_cast<unsigned int>(region.size()), region.data(), cap, out.data()),
             0u)
             << cap;
-        EXPECT_TRUE(std::all_of(out.begin() + cap, out.end(), [](unsigned char b) {
-            return b == kCanary;
-        })) << cap;
+        EXPECT_TRUE(untouched(out, cap)) << cap;
     }
 }
 
@@ -910,7 +841,7 @@ TEST_F(KeyFileCipher, DecryptIgnoresWhateverTheCipherLeftUnusedAtTheEndOfTheRegi
     }
 }
 
-TEST_F(KeyFileCipher, DecryptRefusesEveryDamagedByteWithZero) {
+TEST_F(KeyFileCipher, DecryptRefusesEveryDamagedByteAndEveryTruncationWithZero) {
     for (unsigned int n : {1u, 33u, 300u}) {
         const Bytes p = plain(n);
         const Bytes region = encrypt(p);
@@ -926,14 +857,6 @@ TEST_F(KeyFileCipher, DecryptRefusesEveryDamagedByteWithZero) {
                     << n << " bytes, byte " << i << " ^ " << int{flip};
             }
         }
-    }
-}
-
-TEST_F(KeyFileCipher, DecryptRefusesATruncatedRegionWithZero) {
-    for (unsigned int n : {1u, 33u, 300u}) {
-        const Bytes p = plain(n);
-        const Bytes region = encrypt(p);
-        const std::size_t used = used_length(p);
         for (std::size_t len = 0; len < used; ++len) {
             Bytes out(region.size());
             ASSERT_EQ(PKEY_Decrypt(static_cast<unsigned int>(len), region.data(),
@@ -992,7 +915,7 @@ TEST_F(MemoryAlarm, ReadsZeroExactlyWhenTheAlarmIsClear) {
 // ---------------------------------------------------------------------------
 // Message texts
 
-TEST(MessageTexts, TheLibrarysMessagesHaveDistinctNonEmptyTexts) {
+TEST(MessageTexts, TheLibrarysMessagesHaveDistinctNonEmptyTextsAndUnknownOnesAreNeverNull) {
     std::set<std::string> texts;
     for (unsigned int id : kLibraryMessages) {
         const char *text = RC_LoadString(id);
@@ -1002,9 +925,6 @@ TEST(MessageTexts, TheLibrarysMessagesHaveDistinctNonEmptyTexts) {
         EXPECT_STREQ(RC_LoadString(id), text) << "the same text every time";
     }
     EXPECT_EQ(texts.size(), std::size(kLibraryMessages));
-}
-
-TEST(MessageTexts, NeverNullAndEmptyForAnUnknownNumber) {
     for (unsigned int id : {0u, 1u, 0x060C0000U, 0x060C0031U, 0x7FFFFFFFU})
         EXPECT_NE(RC_LoadString(id), nullptr) << std::hex << id;
     EXPECT_STREQ(RC_LoadString(0xFFFFFFFFU), "");
