@@ -11,6 +11,6 @@ namespace pkey::ec {
 
 // The public point of an EC key as a point on group, whatever the key's point
 // format; NULL when the key has no public point or it does not lie on group.
-EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept;
+[[nodiscard]] EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept;
 
 }  // namespace pkey::ec
