@@ -83,13 +83,15 @@ int PKEY_UpdateServerKey(int evpType, const char *name) {
 }
 
 int PKEY_SaveHostKey(EVP_PKEY *key) {
-    return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_HOST);
+    if (key == nullptr) return PKEY_ERR_FAILED;
+    return _local_SaveKeyOfKind(key, PKEY_KEY_HOST);
 }
 
 int PKEY_SaveServerKey(EVP_PKEY *key) {
     // Any supported key is stored as the one server key file; its algorithm
     // is deliberately not checked.
-    return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);
+    if (key == nullptr) return PKEY_ERR_FAILED;
+    return _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);
 }
 
 }  // extern "C"
