@@ -27,10 +27,14 @@ start=$(date +%s)
 # GCC's own warning flags reach clang-tidy through the database; clang does
 # not know some of them (-Wno-restrict), which is no finding of ours.
 # run-clang-tidy echoes each command and clang-tidy counts the warnings it
-# kept quiet in system headers; only the findings are shown.
+# kept quiet in system headers; only the findings are shown, in colour on a
+# terminal only.
+colour='s/\x1b\[[0-9;]*m//g'
+if [ -t 1 ]; then colour=''; fi
 status=0
 run-clang-tidy -quiet -j "$jobs" -p "$build" -extra-arg=-Wno-unknown-warning-option "$sources" 2>&1 |
-  sed -E -e '/^[^ ]*clang-tidy(-[0-9]+)? /d' -e '/^[0-9]+ (warnings?|errors?)( and [0-9]+ errors?)? generated\.$/d' || status=$?
+  sed -E -e "$colour" -e '/^[^ ]*clang-tidy(-[0-9]+)? /d' \
+      -e '/^(\x1b\[[0-9;]*m)*[0-9]+ (warnings?|errors?)( and [0-9]+ errors?)? generated\.$/d' || status=$?
 echo "tidy: $(( $(date +%s) - start )) s over the sources under $root" >&2
 if [ "$status" -ne 0 ]; then
   echo "tidy: clang-tidy found problems (see above)" >&2
