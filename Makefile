@@ -17,7 +17,7 @@ PLATFORM_BUILD ?= $(BUILD)-platform
 CROSS_ARCHES ?= arm64 armhf s390x
 CROSS_ENV = BUILD=$(BUILD) JOBS=$(JOBS) BUILD_TYPE=$(BUILD_TYPE) CMAKE_FLAGS='$(CMAKE_FLAGS)'
 
-.PHONY: all deps configure build test test-unit test-asan test-compat test-platform fuzz fuzz-configure fuzz-smoke bench demo install clean
+.PHONY: all deps configure build test test-unit test-asan test-compat test-platform tidy fuzz fuzz-configure fuzz-smoke bench demo install clean
 .PHONY: test-cross $(CROSS_ARCHES:%=test-cross-%)
 
 all: build
@@ -34,8 +34,8 @@ build: configure
 # Every test: the suite as built for use, the suite again under
 # AddressSanitizer and UndefinedBehaviorSanitizer (leaks are failures), a
 # short run of every fuzz target, the whole tree compiled as on newer C
-# libraries, and the suites run as on a device's own platform.
-test: test-unit test-asan fuzz-smoke test-compat test-platform
+# libraries, the suites run as on a device's own platform, and clang-tidy.
+test: test-unit test-asan fuzz-smoke test-compat test-platform tidy
 
 test-unit: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
@@ -66,6 +66,11 @@ test-platform: build
 	cmake --build $(PLATFORM_BUILD) -j$(JOBS)
 	$(PLATFORM_BUILD)/tests/platform_conformance --gtest_brief=1
 	cd $(PLATFORM_BUILD) && ctest --output-on-failure -j$(JOBS)
+
+# The checks of .clang-tidy over the library, the host platform, pkeyctl and
+# the example server, from the build's compile_commands.json; any finding fails.
+tidy: configure
+	scripts/tidy.sh $(BUILD) $(JOBS)
 
 # The libraries and unit tests built for other architectures with Debian's
 # cross compilers, run under qemu-user, each in $(BUILD)-cross-<arch> with its

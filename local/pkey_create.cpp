@@ -83,14 +83,16 @@ int PKEY_UpdateServerKey(int evpType, const char *name) noexcept {
 }
 
 int PKEY_SaveHostKey(EVP_PKEY *key) noexcept {
-    return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_HOST);
+    if (key == nullptr) return PKEY_ERR_FAILED;
+    return _local_SaveKeyOfKind(key, PKEY_KEY_HOST);
 }
 
 int PKEY_SaveServerKey(EVP_PKEY *key) noexcept {
     // Any supported key is stored as the one server key file: which
     // algorithm serves as server key is the SSH server's choice, not the
     // store's, and the reader hands back whatever was saved.
-    return key == nullptr ? PKEY_ERR_FAILED : _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);
+    if (key == nullptr) return PKEY_ERR_FAILED;
+    return _local_SaveKeyOfKind(key, PKEY_KEY_SERVER);
 }
 
 }  // extern "C"

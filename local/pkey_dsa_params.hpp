@@ -14,6 +14,6 @@ inline constexpr unsigned int kDsaMaxBits = 3072;
 // library's fixed seed and depends on nothing but the size, so every process
 // on every machine gets the same one; each process derives a size's group
 // once and keeps it.
-EVP_PKEY *generate_dsa_pair(unsigned int bits);
+[[nodiscard]] EVP_PKEY *generate_dsa_pair(unsigned int bits);
 
 }  // namespace pkey::local

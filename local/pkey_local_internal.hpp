@@ -21,7 +21,7 @@ inline void request_name(const PKEY_KEYGEN_REQ_S &request, char (&out)[PKEY_KEYG
 // be two files, or writing one destroys the other and removing one leaves
 // the other half-gone. A final symlink is not followed, as no key file open
 // follows one.
-inline bool same_existing_file(const char *a, const char *b) noexcept {
+[[nodiscard]] inline bool same_existing_file(const char *a, const char *b) noexcept {
     struct stat sa {};
     struct stat sb {};
     return lstat(a, &sa) == 0 && lstat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&

@@ -305,7 +305,7 @@ EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned ch
         // Padding and digest count as remaining bytes; a well-formed payload
         // ends before them. The digest is checked by the key file reader.
         ByteReader in(record, recordLen);
-        in.skip(PKEY_STORE_HEADER_LEN);
+        if (!in.skip(PKEY_STORE_HEADER_LEN)) return nullptr;
         switch (algId) {
             case PKEY_ALG_ECDSA: {
                 // Only the SEQUENCE goes to the decoder, not the padding and

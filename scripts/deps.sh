@@ -4,7 +4,7 @@
 # With arguments, installs those packages instead of the usual set.
 set -euo pipefail
 
-packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang libclang-rt-14-dev valgrind
+packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang clang-tidy libclang-rt-14-dev valgrind
           libbenchmark-dev python3-cryptography libssh-dev)
 [ $# -gt 0 ] && packages=("$@")
 

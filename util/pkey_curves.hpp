@@ -119,7 +119,7 @@ const EC_GROUP *group(int nid) noexcept;
 // A public EC key on the curve holding the encoded point, which must lie on
 // the curve; the key names its curve when encoded. NULL when OpenSSL refuses
 // the point.
-EvpPkeyPtr public_key(const Curve &curve, std::span<const unsigned char> point) noexcept;
+[[nodiscard]] EvpPkeyPtr public_key(const Curve &curve, std::span<const unsigned char> point) noexcept;
 
 // An EC SubjectPublicKeyInfo taken apart: the AlgorithmIdentifier's parameters
 // as encoded (tag and length included), which either name the curve (an OID)
@@ -132,24 +132,25 @@ struct EcSpki {
 
 // Splits a strict-DER EC SubjectPublicKeyInfo with a non-empty point; false
 // for anything else.
-bool read_ec_spki(std::span<const unsigned char> der, EcSpki &out) noexcept;
+[[nodiscard]] bool read_ec_spki(std::span<const unsigned char> der, EcSpki &out) noexcept;
 
 // The named curve that encoded EC parameters describe, by NID, any curve
 // OpenSSL knows; NID_undef when they describe none.
-int named_curve_of(std::span<const unsigned char> params) noexcept;
+[[nodiscard]] int named_curve_of(std::span<const unsigned char> params) noexcept;
 
 // The named curve of an EC key as its encoding gives it, naming the curve or
 // listing its parameters; NID_undef for parameters of no named curve and for
 // keys that are not EC. Costs an encoding of the key.
-int encoded_nid(const EVP_PKEY *key) noexcept;
+[[nodiscard]] int encoded_nid(const EVP_PKEY *key) noexcept;
 
 // The named curve of an EC key, NID_undef (0) when it is on none: the name of
 // its group, or for a key whose encoding spells out the parameters of a named
 // curve, that curve.
-int nid_of_key(const EVP_PKEY *key) noexcept;
+[[nodiscard]] int nid_of_key(const EVP_PKEY *key) noexcept;
 
 // The public point of an EC key as a point on group, whatever the key's point
 // format; NULL when the key has no public point or it does not lie on group.
-EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group, BN_CTX *ctx) noexcept;
+[[nodiscard]] EcPointPtr public_point(const EVP_PKEY *key, const EC_GROUP *group,
+                                      BN_CTX *ctx) noexcept;
 
 }  // namespace pkey::curves

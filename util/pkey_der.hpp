@@ -31,10 +31,10 @@ struct SpkiResult {
 };
 
 // As d2i_PUBKEY on the bytes (trailing bytes ignored, as d2i does).
-SpkiResult decode_public_key(std::span<const unsigned char> der) noexcept;
+[[nodiscard]] SpkiResult decode_public_key(std::span<const unsigned char> der) noexcept;
 
 // As d2i_PrivateKey(EVP_PKEY_EC, ...) on the bytes.
-EvpPkeyPtr decode_ec_private_key(std::span<const unsigned char> der) noexcept;
+[[nodiscard]] EvpPkeyPtr decode_ec_private_key(std::span<const unsigned char> der) noexcept;
 
 // DER bytes from OpenSSL's allocator, with their count.
 struct DerBytes {
@@ -46,7 +46,7 @@ struct DerBytes {
 
 // A key's SubjectPublicKeyInfo exactly as i2d_PUBKEY writes it; empty when
 // OpenSSL cannot encode the key.
-DerBytes public_key_der(const EVP_PKEY *key) noexcept;
+[[nodiscard]] DerBytes public_key_der(const EVP_PKEY *key) noexcept;
 
 // An EC SubjectPublicKeyInfo that spells out the parameters of a named curve,
 // rewritten to name that curve: byte for byte what i2d_PUBKEY writes for the
@@ -54,10 +54,10 @@ DerBytes public_key_der(const EVP_PKEY *key) noexcept;
 // (other key types, a curve already named, parameters of no named curve)
 // comes back unchanged. Empty when spki is, or when the rewrite cannot be
 // allocated.
-DerBytes name_ec_curve(DerBytes spki) noexcept;
+[[nodiscard]] DerBytes name_ec_curve(DerBytes spki) noexcept;
 
 // The form in which peer keys are stored: public_key_der with an EC key's
 // curve named whenever it has a name, whatever encoding the key is marked for.
-DerBytes encode_public_key(const EVP_PKEY *key) noexcept;
+[[nodiscard]] DerBytes encode_public_key(const EVP_PKEY *key) noexcept;
 
 }  // namespace pkey::der

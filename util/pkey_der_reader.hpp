@@ -37,7 +37,7 @@ public:
     explicit DerReader(Bytes bytes, LengthForm form = LengthForm::kShortest) noexcept
         : in_(bytes), form_(form) {}
 
-    bool read(std::uint8_t tag, Bytes &contents) noexcept {
+    [[nodiscard]] bool read(std::uint8_t tag, Bytes &contents) noexcept {
         ByteReader r = in_;
         std::uint8_t got = 0, first = 0;
         if (!r.read_u8(got) || got != tag || !r.read_u8(first)) return false;
@@ -60,7 +60,7 @@ public:
     }
 
     // A positive INTEGER in its shortest form, as a magnitude without sign byte.
-    bool read_positive_integer(Bytes &magnitude) noexcept {
+    [[nodiscard]] bool read_positive_integer(Bytes &magnitude) noexcept {
         Bytes c;
         if (!read(kInteger, c) || c.empty() || (c[0] & 0x80) != 0) return false;
         if (c[0] == 0) {
@@ -72,14 +72,14 @@ public:
     }
 
     // A BIT STRING without unused bits: its bytes.
-    bool read_octet_aligned_bits(Bytes &bits) noexcept {
+    [[nodiscard]] bool read_octet_aligned_bits(Bytes &bits) noexcept {
         Bytes c;
         if (!read(kBitString, c) || c.empty() || c[0] != 0) return false;
         bits = c.subspan(1);
         return true;
     }
 
-    bool read_expected(std::uint8_t tag, Bytes expected) noexcept {
+    [[nodiscard]] bool read_expected(std::uint8_t tag, Bytes expected) noexcept {
         ByteReader saved = in_;
         Bytes c;
         if (read(tag, c) && c.size() == expected.size() &&

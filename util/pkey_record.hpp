@@ -31,16 +31,16 @@ struct Header {
 };
 
 // The header of the bytes; false when they are shorter than a header.
-bool parse_header(std::span<const unsigned char> bytes, Header &out) noexcept;
+[[nodiscard]] bool parse_header(std::span<const unsigned char> bytes, Header &out) noexcept;
 
 // The header of a record being built now: its length, the marker, the local
 // time, the protection the current mode asks for (SHA-256 in FIPS mode, else
 // MD5) and the format version. Kind and name stay zero. False when the time
 // cannot be read.
-bool new_header(std::uint32_t length, Header &out) noexcept;
+[[nodiscard]] bool new_header(std::uint32_t length, Header &out) noexcept;
 
 // Writes the header, kind and name zero, into out's first header bytes.
-bool write_header(const Header &header, ByteWriter &out) noexcept;
+[[nodiscard]] bool write_header(const Header &header, ByteWriter &out) noexcept;
 
 // Writes the key kind and the name (cut to fit its field, always terminated)
 // into a record. Both lie outside the digest.
@@ -54,21 +54,21 @@ struct Digest {
 
 // The digest a new record gets: MD5 whenever the crypto service allows it,
 // else SHA-256, else none.
-Digest build_digest() noexcept;
+[[nodiscard]] Digest build_digest() noexcept;
 
 // The digest a record of this protection carries, when the crypto service
 // allows it; none for any other protection.
-Digest digest_for(std::uint8_t protection) noexcept;
+[[nodiscard]] Digest digest_for(std::uint8_t protection) noexcept;
 
 // Writes the digest of everything before the record's last digest.size bytes
 // into them.
-bool seal(const Digest &digest, std::span<unsigned char> record) noexcept;
+[[nodiscard]] bool seal(const Digest &digest, std::span<unsigned char> record) noexcept;
 
 // The integrity check of a plain record: the length field equals its size,
 // the protection names an allowed digest, the digest (computed with kind and
 // name zero, which are put back) matches, and the marker is right. The
 // protection byte goes to *protection when asked for, also when the check
 // then fails.
-bool check(std::span<unsigned char> record, unsigned char *protection) noexcept;
+[[nodiscard]] bool check(std::span<unsigned char> record, unsigned char *protection) noexcept;
 
 }  // namespace pkey::record

@@ -50,7 +50,7 @@ using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
 
 // A key of an OpenSSL key type ("RSA", "DSA", "EC") made from parameters;
 // selection as for EVP_PKEY_fromdata. NULL on any failure.
-inline EvpPkeyPtr key_from_params(const char *type, int selection, const OSSL_PARAM *params) noexcept {
+[[nodiscard]] inline EvpPkeyPtr key_from_params(const char *type, int selection, const OSSL_PARAM *params) noexcept {
     EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
     EVP_PKEY *key = nullptr;
     if (params == nullptr || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
@@ -60,7 +60,7 @@ inline EvpPkeyPtr key_from_params(const char *type, int selection, const OSSL_PA
 }
 
 // The same from the parameters pushed on a builder.
-inline EvpPkeyPtr key_from_builder(const char *type, int selection, OSSL_PARAM_BLD *bld) noexcept {
+[[nodiscard]] inline EvpPkeyPtr key_from_builder(const char *type, int selection, OSSL_PARAM_BLD *bld) noexcept {
     ParamsPtr params(bld != nullptr ? OSSL_PARAM_BLD_to_param(bld) : nullptr);
     return key_from_params(type, selection, params.get());
 }
@@ -93,7 +93,7 @@ public:
         : data_(static_cast<unsigned char *>(std::calloc(size == 0 ? 1 : size, 1))),
           size_(data_ != nullptr ? size : 0) {}
     // Adopts a malloc'd buffer of the given size.
-    static SecureBuffer adopt(void *p, std::size_t size) noexcept {
+    [[nodiscard]] static SecureBuffer adopt(void *p, std::size_t size) noexcept {
         SecureBuffer b;
         b.data_ = static_cast<unsigned char *>(p);
         b.size_ = p != nullptr ? size : 0;
@@ -122,7 +122,7 @@ public:
         size_ = 0;
     }
     // Hands the malloc'd bytes to a caller who frees them with free().
-    unsigned char *release() noexcept {
+    [[nodiscard]] unsigned char *release() noexcept {
         size_ = 0;
         return std::exchange(data_, nullptr);
     }
@@ -157,7 +157,7 @@ inline std::uint16_t load_be16(const unsigned char *p) noexcept {
 
 // A size as the C ABI's unsigned int; 0, which callers read as "no size",
 // when it does not fit.
-inline unsigned int clamp_to_uint(std::size_t n) noexcept {
+[[nodiscard]] inline unsigned int clamp_to_uint(std::size_t n) noexcept {
     return n > UINT32_MAX ? 0 : static_cast<unsigned int>(n);
 }
 
@@ -173,37 +173,37 @@ public:
     const unsigned char *position() const noexcept { return p_; }
     bool empty() const noexcept { return left_ == 0; }
 
-    bool read_u8(std::uint8_t &out) noexcept {
+    [[nodiscard]] bool read_u8(std::uint8_t &out) noexcept {
         if (left_ < 1) return false;
         out = *p_;
         advance(1);
         return true;
     }
-    bool read_u16(std::uint16_t &out) noexcept {
+    [[nodiscard]] bool read_u16(std::uint16_t &out) noexcept {
         if (left_ < 2) return false;
         out = load_be16(p_);
         advance(2);
         return true;
     }
-    bool read_u32(std::uint32_t &out) noexcept {
+    [[nodiscard]] bool read_u32(std::uint32_t &out) noexcept {
         if (left_ < 4) return false;
         out = load_be32(p_);
         advance(4);
         return true;
     }
-    bool skip(std::size_t n) noexcept {
+    [[nodiscard]] bool skip(std::size_t n) noexcept {
         if (n > left_) return false;
         advance(n);
         return true;
     }
-    bool read_bytes(std::size_t n, std::span<const unsigned char> &out) noexcept {
+    [[nodiscard]] bool read_bytes(std::size_t n, std::span<const unsigned char> &out) noexcept {
         if (n > left_) return false;
         out = {p_, n};
         advance(n);
         return true;
     }
     // A 32-bit big-endian length followed by that many bytes.
-    bool read_length_prefixed(std::span<const unsigned char> &out) noexcept {
+    [[nodiscard]] bool read_length_prefixed(std::span<const unsigned char> &out) noexcept {
         if (left_ < 4) return false;
         const std::uint32_t n = load_be32(p_);
         if (n > left_ - 4) return false;
@@ -233,37 +233,37 @@ public:
     unsigned char *cursor() noexcept { return buf_ + len_; }
     std::size_t room() const noexcept { return cap_ - len_; }
 
-    bool put_u8(std::uint8_t v) noexcept {
+    [[nodiscard]] bool put_u8(std::uint8_t v) noexcept {
         if (!reserve(1)) return false;
         buf_[len_++] = v;
         return true;
     }
-    bool put_u16(std::uint16_t v) noexcept {
+    [[nodiscard]] bool put_u16(std::uint16_t v) noexcept {
         if (!reserve(2)) return false;
         store_be16(buf_ + len_, v);
         len_ += 2;
         return true;
     }
-    bool put_u32(std::uint32_t v) noexcept {
+    [[nodiscard]] bool put_u32(std::uint32_t v) noexcept {
         if (!reserve(4)) return false;
         store_be32(buf_ + len_, v);
         len_ += 4;
         return true;
     }
-    bool put_bytes(const void *p, std::size_t n) noexcept {
+    [[nodiscard]] bool put_bytes(const void *p, std::size_t n) noexcept {
         if (!reserve(n)) return false;
         if (n != 0) std::memcpy(buf_ + len_, p, n);
         len_ += n;
         return true;
     }
-    bool put_length_prefixed(const void *p, std::size_t n) noexcept {
+    [[nodiscard]] bool put_length_prefixed(const void *p, std::size_t n) noexcept {
         return n <= UINT32_MAX && put_u32(static_cast<std::uint32_t>(n)) && put_bytes(p, n);
     }
     // Claims n bytes written by someone else at cursor().
-    bool commit(std::size_t n) noexcept { return reserve(n) && (len_ += n, true); }
+    [[nodiscard]] bool commit(std::size_t n) noexcept { return reserve(n) && (len_ += n, true); }
 
 private:
-    bool reserve(std::size_t n) noexcept {
+    [[nodiscard]] bool reserve(std::size_t n) noexcept {
         if (!ok_ || n > cap_ - len_) return ok_ = false;
         return true;
     }
@@ -277,14 +277,14 @@ private:
 // directory: one holding "/" (so "../x" and "a/b"), or "." or "..", which name
 // a directory itself where no extension follows. NULL is left to the caller's
 // own rule. Every entry point that turns a key name into a path refuses these.
-inline bool is_escaping_key_name(const char *name) noexcept {
+[[nodiscard]] inline bool is_escaping_key_name(const char *name) noexcept {
     return name != nullptr && (std::strchr(name, '/') != nullptr || std::strcmp(name, ".") == 0 ||
                                std::strcmp(name, "..") == 0);
 }
 
 // Runs body() at the C ABI edge: any exception becomes the failure result.
 template <typename R, typename F>
-R c_boundary(R on_failure, F &&body) noexcept {
+[[nodiscard]] R c_boundary(R on_failure, F &&body) noexcept {
     try {
         return body();
     } catch (...) {

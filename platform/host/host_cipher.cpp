@@ -51,6 +51,18 @@ const EVP_CIPHER *siv_cipher() {
 
 enum class KeyFile { kLoaded, kMissing, kBroken };
 
+// Reads the open key file at path into buf (kDeviceKeyLen bytes); what is
+// wrong with it, or "" when buf now holds the key.
+std::string read_open_key_file(int fd, const std::string &path, SecureBuffer &buf) {
+    struct stat st {};
+    if (!buf || ::fstat(fd, &st) != 0) return "cannot read " + path;
+    if (!S_ISREG(st.st_mode)) return path + ": not a regular file";
+    if (st.st_size != static_cast<off_t>(kDeviceKeyLen))
+        return path + ": wrong size (" + std::to_string(st.st_size) + " bytes)";
+    if (!read_all(fd, buf.data(), kDeviceKeyLen)) return "cannot read " + path;
+    return {};
+}
+
 KeyFile read_key_file(const std::string &path, SecureBuffer &key, std::string &why) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) {
@@ -59,17 +71,8 @@ KeyFile read_key_file(const std::string &path, SecureBuffer &key, std::string &w
         why = "cannot open " + path + ": " + errno_text(err);
         return KeyFile::kBroken;
     }
-    struct stat st {};
     SecureBuffer buf(kDeviceKeyLen);
-    if (!buf || ::fstat(fd, &st) != 0) {
-        why = "cannot read " + path;
-    } else if (!S_ISREG(st.st_mode)) {
-        why = path + ": not a regular file";
-    } else if (st.st_size != static_cast<off_t>(kDeviceKeyLen)) {
-        why = path + ": wrong size (" + std::to_string(st.st_size) + " bytes)";
-    } else if (!read_all(fd, buf.data(), kDeviceKeyLen)) {
-        why = "cannot read " + path;
-    }
+    why = read_open_key_file(fd, path, buf);
     ::close(fd);
     if (!why.empty()) return KeyFile::kBroken;
     key = std::move(buf);

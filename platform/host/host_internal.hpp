@@ -47,7 +47,7 @@ struct StoreRef {
 // The store in use. Opens $PKEY_ROOT (or ./pkey-store) when HOST_Open was never
 // called. With no usable store the root is empty and the reason is recorded
 // as this thread's error.
-StoreRef current_store();
+[[nodiscard]] StoreRef current_store();
 // Just its generation, for caches that only need to know the store has not
 // changed; it copies nothing. A cache never holds the generation of a failed
 // open, so a mismatch sends it to current_store().
@@ -62,29 +62,29 @@ void record_error(std::string_view message);
 std::string errno_text(int err);
 
 // Whole reads and writes of a descriptor, retried past signals and short counts.
-bool read_all(int fd, unsigned char *buf, std::size_t len);
-bool write_all(int fd, const unsigned char *buf, std::size_t len);
+[[nodiscard]] bool read_all(int fd, unsigned char *buf, std::size_t len);
+[[nodiscard]] bool write_all(int fd, const unsigned char *buf, std::size_t len);
 // The entry names of dir but "." and "..". True with none when dir does not
 // exist; false when it exists but cannot be opened or read to its end (a
 // failing read is never taken for the end of the directory).
-bool list_directory(const std::string &dir, std::vector<std::string> &names);
+[[nodiscard]] bool list_directory(const std::string &dir, std::vector<std::string> &names);
 // Makes a directory's new entries durable.
 void sync_dir(const std::string &dir);
 // Writes bytes, synced, to a new "<dir>/.<name>.XXXXXX" of the given mode; its
 // path, or "" with why set.
-std::string write_temp_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
+[[nodiscard]] std::string write_temp_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
                             std::size_t len, mode_t mode, std::string &why);
 // Publishes <dir>/<name> whole: written beside its place, then link()ed to
 // its name, so that a racing process sees no file or a complete one.
 // kExists when another process published first (its file stands).
 enum class Publish { kDone, kExists, kFailed };
-Publish publish_new_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
+[[nodiscard]] Publish publish_new_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
                          std::size_t len, mode_t mode, std::string &why);
 
 // Checks <root>/settings as an open does: verifies it, migrates an older
 // layout, and (with create) makes a missing file with the defaults. On
 // failure why holds the one-line reason.
-bool settings_verify(const std::string &root, bool create, std::string &why);
+[[nodiscard]] bool settings_verify(const std::string &root, bool create, std::string &why);
 
 // This process's id, kept up to date across fork() without a system call on
 // every use: caches compare it to notice they were inherited from a parent.

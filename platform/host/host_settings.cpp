@@ -256,7 +256,7 @@ int CRYPTO_FIPSIsEnabled(void) {
 int CRYPTO_AlgoIsEnabled(unsigned int algCode) {
     return pkey::c_boundary(0, [&] {
         if (algCode < kAlgoCodes) {
-            int override_value = -1;
+            std::int8_t override_value = -1;  // -1: no switch set, 0: off, 1: on
             {
                 std::lock_guard lock(g_settings_mutex);
                 if (MappedSettings *s = settings_locked()) override_value = load(s->algo[algCode]);

@@ -113,9 +113,9 @@ Values decode_v2(const unsigned char *b) {
     v.self_node = get_le32(b + offsetof(MappedSettings, self_node));
     v.standby_count = get_le32(b + offsetof(MappedSettings, standby_count));
     v.status_count = get_le32(b + offsetof(MappedSettings, status_count));
-    for (unsigned int i = 0; i < kMaxStandby; ++i)
+    for (std::size_t i = 0; i < kMaxStandby; ++i)
         v.standby[i] = get_le16(b + offsetof(MappedSettings, standby) + 2 * i);
-    for (unsigned int i = 0; i < kMaxStatus; ++i) {
+    for (std::size_t i = 0; i < kMaxStatus; ++i) {
         const unsigned char *e = b + offsetof(MappedSettings, status) + 8 * i;
         v.status_node[i] = get_le32(e);
         v.status[i] = static_cast<std::int32_t>(get_le32(e + 4));
@@ -131,9 +131,9 @@ Values decode_v1(const unsigned char *b) {
     v.self_node = get_native<std::uint32_t>(b + kV1SelfNode);
     v.standby_count = get_native<std::uint32_t>(b + kV1StandbyCount);
     v.status_count = get_native<std::uint32_t>(b + kV1StatusCount);
-    for (unsigned int i = 0; i < kMaxStandby; ++i)
+    for (std::size_t i = 0; i < kMaxStandby; ++i)
         v.standby[i] = get_native<std::uint16_t>(b + kV1Standby + 2 * i);
-    for (unsigned int i = 0; i < kMaxStatus; ++i) {
+    for (std::size_t i = 0; i < kMaxStatus; ++i) {
         v.status_node[i] = get_native<std::uint32_t>(b + kV1Status + 8 * i);
         v.status[i] = get_native<std::int32_t>(b + kV1Status + 8 * i + 4);
     }
@@ -151,9 +151,9 @@ bool encode_v2(const Values &v, Bytes &b) {
     put_le32(b.data() + offsetof(MappedSettings, self_node), v.self_node);
     put_le32(b.data() + offsetof(MappedSettings, standby_count), v.standby_count);
     put_le32(b.data() + offsetof(MappedSettings, status_count), v.status_count);
-    for (unsigned int i = 0; i < kMaxStandby; ++i)
+    for (std::size_t i = 0; i < kMaxStandby; ++i)
         put_le16(b.data() + offsetof(MappedSettings, standby) + 2 * i, v.standby[i]);
-    for (unsigned int i = 0; i < kMaxStatus; ++i) {
+    for (std::size_t i = 0; i < kMaxStatus; ++i) {
         unsigned char *e = b.data() + offsetof(MappedSettings, status) + 8 * i;
         put_le32(e, v.status_node[i]);
         put_le32(e + 4, static_cast<std::uint32_t>(v.status[i]));

@@ -85,9 +85,9 @@ public:
 
     int fd() const noexcept { return fd_; }
     // Unlocks the file and hands its descriptor to the caller.
-    int release() noexcept;
+    [[nodiscard]] int release() noexcept;
     // Hands the descriptor over with its lock still held.
-    int detach() noexcept;
+    [[nodiscard]] int detach() noexcept;
     // Takes over a descriptor (locked or not); it is unlocked and closed with this object.
     void adopt(int fd) noexcept;
 
@@ -98,15 +98,15 @@ private:
 // Opens and verifies <root>/settings under the exclusive lock, migrating a
 // version-1 file first. With create, a missing file is made with the
 // defaults; it appears complete or not at all. False with why set otherwise.
-bool open_settings(const std::string &root, bool create, SettingsFile &out, std::string &why);
+[[nodiscard]] bool open_settings(const std::string &root, bool create, SettingsFile &out, std::string &why);
 
 // Verifies size bytes of a version-2 file; on failure why names the cause
 // ("damaged (checksum mismatch)").
-bool verify_settings(const unsigned char *bytes, std::size_t size, std::string &why);
+[[nodiscard]] bool verify_settings(const unsigned char *bytes, std::size_t size, std::string &why);
 
 // Sets the checksum of a mapped file from its current values. Caller holds
 // the exclusive lock.
-bool seal_settings(MappedSettings &m);
+[[nodiscard]] bool seal_settings(MappedSettings &m);
 
 // The cause given for a file of that many bytes.
 std::string wrong_size_cause(long long size);

@@ -106,7 +106,7 @@ std::string key_code_display(EVP_PKEY *key);
 // ---- files of the operator -----------------------------------------------------------
 
 // Public key texts are small; anything longer is not one.
-inline constexpr std::size_t kMaxKeyText = 64 * 1024;
+inline constexpr std::size_t kMaxKeyText = std::size_t{64} * 1024;
 
 // Reads a key text from a regular file, or from standard input for "-", at
 // most kMaxKeyText bytes. false with one line in error otherwise (a

@@ -87,7 +87,7 @@ std::string read_problem(const KeyPaths &paths) {
         return "its protection byte is " + std::to_string(protection) + ", which no key file has";
     if (fips && protection == PKEY_STORE_PROTECT_MD5) return "it is protected with MD5, which FIPS mode does not read";
     if (fips && protection < 2) return "it is stored unenciphered, which FIPS mode does not read";
-    const std::string platform = platform_error();
+    std::string platform = platform_error();
     if (!platform.empty()) return platform;
     return "it fails authentication under this store's device key";
 }
@@ -218,7 +218,7 @@ std::string write_problem(const Algorithm &alg, unsigned int kind, const std::st
     if (one_file(paths.mem, paths.dev))
         return "its memory and flash copies are one file (a hard link or a linked directory); "
                "nothing was changed";
-    const std::string platform = platform_error();
+    std::string platform = platform_error();
     if (!platform.empty()) return platform;
     for (const char *file : {paths.mem, paths.dev}) {
         struct stat st {};

@@ -176,7 +176,7 @@ int run(const std::vector<std::string> &args) {
         // A group: "local --help" describes it; "local frobnicate" lists it.
         std::vector<std::string> prefix;
         std::vector<const Command *> group;
-        for (size_t j = i; j < args.size() && args[j].rfind("-", 0) != 0; ++j) {
+        for (size_t j = i; j < args.size() && args[j].rfind('-', 0) != 0; ++j) {
             prefix.push_back(args[j]);
             std::vector<const Command *> wider = group_of(prefix);
             if (wider.empty()) {

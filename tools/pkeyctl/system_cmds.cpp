@@ -217,6 +217,7 @@ int fips_switch_on(const Args &a) {
 
     // Files of the keys to keep, to put back if saving one of them fails.
     std::vector<FileImage> images;
+    images.reserve(keep.size());
     for (const StoredKey *k : keep) images.push_back(snapshot(*k));
     HOST_ClearError();
     if (HOST_SetFipsMode(1) != 0) return failure("fips on", "the mode could not be switched: " + platform_error());
