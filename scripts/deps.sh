@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang libclang-rt-14-dev valgrind
-          libbenchmark-dev python3-cryptography libssh-dev)
+          libbenchmark-dev python3-cryptography libssh-dev clang-format)
 [ $# -gt 0 ] && packages=("$@")
 
 missing=()
