@@ -18,6 +18,7 @@ CROSS_ARCHES ?= arm64 armhf s390x
 CROSS_ENV = BUILD=$(BUILD) JOBS=$(JOBS) BUILD_TYPE=$(BUILD_TYPE) CMAKE_FLAGS='$(CMAKE_FLAGS)'
 
 .PHONY: all deps configure build test test-unit test-asan test-compat test-platform tidy fuzz fuzz-configure fuzz-smoke bench demo install clean
+.PHONY: format format-check
 .PHONY: test-cross $(CROSS_ARCHES:%=test-cross-%)
 
 all: build
@@ -34,8 +35,9 @@ build: configure
 # Every test: the suite as built for use, the suite again under
 # AddressSanitizer and UndefinedBehaviorSanitizer (leaks are failures), a
 # short run of every fuzz target, the whole tree compiled as on newer C
-# libraries, the suites run as on a device's own platform, and clang-tidy.
-test: test-unit test-asan fuzz-smoke test-compat test-platform tidy
+# libraries, the suites run as on a device's own platform; before them the
+# sources checked against .clang-format, after them clang-tidy's checks.
+test: format-check test-unit test-asan fuzz-smoke test-compat test-platform tidy
 
 test-unit: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
@@ -98,6 +100,14 @@ bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DPKEY_BUILD_TESTS=OFF $(CMAKE_FLAGS)
 	cmake --build $(BENCH_BUILD) -j$(JOBS)
 	/usr/bin/python3 bench/run.py $(BENCH_BUILD) $(BENCH_FLAGS)
+
+# The C and C++ sources in the style of .clang-format: `format` rewrites them,
+# `format-check` lists the files that differ and fails when there is any.
+format: deps
+	scripts/format.sh --fix
+
+format-check: deps
+	scripts/format.sh --check
 
 demo: build
 	tools/demo.sh $(BUILD)

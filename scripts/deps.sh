@@ -4,8 +4,8 @@
 # With arguments, installs those packages instead of the usual set.
 set -euo pipefail
 
-packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang clang-tidy libclang-rt-14-dev valgrind
-          libbenchmark-dev python3-cryptography libssh-dev)
+packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang clang-tidy
+          clang-format libclang-rt-14-dev valgrind libbenchmark-dev python3-cryptography libssh-dev)
 [ $# -gt 0 ] && packages=("$@")
 
 missing=()
