@@ -1,10 +1,11 @@
 // Copies of local key files on standby nodes: one file at a time as it is
 // written or removed, or the whole key store in a batch.
+#include "pkey_backup.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
-#include "pkey_backup.h"
 #include "pkey_fs.h"
 #include "pkey_paths.hpp"
 #include "pkey_platform.h"

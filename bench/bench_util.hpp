@@ -150,9 +150,9 @@ namespace pkey::bench {
 // Fills the current store with n peer keys named user-<i>, added in shuffled
 // order (so table order is not name order). Even i get one of `refused`,
 // odd i one of `approved`. Returns the names in the order they went in.
-inline std::vector<std::string> fill_peer_store(unsigned int n,
-                                                const std::vector<std::vector<unsigned char>> &refused,
-                                                const std::vector<std::vector<unsigned char>> &approved) {
+inline std::vector<std::string> fill_peer_store(
+    unsigned int n, const std::vector<std::vector<unsigned char>> &refused,
+    const std::vector<std::vector<unsigned char>> &approved) {
     std::vector<unsigned int> order(n);
     for (unsigned int i = 0; i < n; ++i) order[i] = i;
     std::shuffle(order.begin(), order.end(), std::mt19937(n));
@@ -162,7 +162,8 @@ inline std::vector<std::string> fill_peer_store(unsigned int n,
         const auto &pool = i % 2 == 0 ? refused : approved;
         const auto &der = pool[i / 2 % pool.size()];
         std::string name = "user-" + std::to_string(i);
-        if (PKEY_PEER_SavePeerPubKey(der.data(), static_cast<unsigned int>(der.size()), name.c_str()) != 0)
+        if (PKEY_PEER_SavePeerPubKey(der.data(), static_cast<unsigned int>(der.size()),
+                                     name.c_str()) != 0)
             throw std::runtime_error("filling the peer store failed");
         names.push_back(std::move(name));
     }

@@ -61,7 +61,8 @@ struct Fixture {
             mem_file[static_cast<int>(i)] = path;
             const std::string pem = store.root() + "/" + c.label + ".pem";
             FILE *f = std::fopen(pem.c_str(), "w");
-            if (f == nullptr || PEM_write_PrivateKey(f, key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
+            if (f == nullptr ||
+                PEM_write_PrivateKey(f, key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
                 throw std::runtime_error("PEM_write_PrivateKey failed");
             std::fclose(f);
             pem_file[static_cast<int>(i)] = pem;
@@ -143,15 +144,22 @@ EVP_PKEY *floor_build(const KeyCase &c, const unsigned char *rec, std::size_t le
         OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PRIV_KEY, bns.back().get());
         OSSL_PARAM_BLD_push_octet_string(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, bits + 1, n - 1);
     } else {
-        static const char *const rsa[] = {"n", "e", "d", "rsa-factor1", "rsa-factor2",
-                                          "rsa-exponent1", "rsa-exponent2", "rsa-coefficient1"};
+        static const char *const rsa[] = {"n",
+                                          "e",
+                                          "d",
+                                          "rsa-factor1",
+                                          "rsa-factor2",
+                                          "rsa-exponent1",
+                                          "rsa-exponent2",
+                                          "rsa-coefficient1"};
         static const char *const dsa[] = {"p", "q", "g", "pub", "priv"};
         const std::size_t count = c.alg == PKEY_ALG_RSA ? 8 : 5;
         for (std::size_t i = 0; i < count; ++i) {
             const std::size_t n = load_be32(p);
             bns.emplace_back(BN_secure_new());
             BN_bin2bn(p + 4, static_cast<int>(n), bns.back().get());
-            OSSL_PARAM_BLD_push_BN(bld.get(), c.alg == PKEY_ALG_RSA ? rsa[i] : dsa[i], bns.back().get());
+            OSSL_PARAM_BLD_push_BN(bld.get(), c.alg == PKEY_ALG_RSA ? rsa[i] : dsa[i],
+                                   bns.back().get());
             p += 4 + n;
         }
     }
@@ -164,7 +172,8 @@ EVP_PKEY *floor_build(const KeyCase &c, const unsigned char *rec, std::size_t le
     return key;
 }
 
-EVP_PKEY *floor_read(const KeyCase &c, const std::string &path, const std::vector<unsigned char> &dk) {
+EVP_PKEY *floor_read(const KeyCase &c, const std::string &path,
+                     const std::vector<unsigned char> &dk) {
     // Read the whole file.
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return nullptr;
@@ -247,7 +256,8 @@ void BM_HostKeyRead_pem(benchmark::State &state) {
     const KeyCase &c = kCases[static_cast<std::size_t>(i)];
     for (auto _ : state) {
         BIO *file = BIO_new_file(f.pem_file[i].c_str(), "r");
-        EVP_PKEY *key = file != nullptr ? PEM_read_bio_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
+        EVP_PKEY *key =
+            file != nullptr ? PEM_read_bio_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
         BIO_free(file);
         if (key == nullptr) {
             state.SkipWithError("PEM_read_bio_PrivateKey failed");

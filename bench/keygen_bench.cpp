@@ -109,7 +109,8 @@ void BM_Store_pkey(benchmark::State &state) {
     EvpPkeyPtr group = c.alg == PKEY_ALG_DSA ? library_dsa_group(c.bits) : nullptr;
     EvpPkeyPtr key = openssl_generate(c, group.get());
     for (auto _ : state)
-        if (PKEY_SaveLocalKey("bench", key.get()) != 0) state.SkipWithError("PKEY_SaveLocalKey failed");
+        if (PKEY_SaveLocalKey("bench", key.get()) != 0)
+            state.SkipWithError("PKEY_SaveLocalKey failed");
     state.SetLabel(c.label);
 }
 

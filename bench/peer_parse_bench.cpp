@@ -25,7 +25,7 @@ using namespace pkey;
 using namespace pkey::bench;
 namespace fs = std::filesystem;
 
-constexpr unsigned int kDistinctKeys = 16;   // keys per algorithm
+constexpr unsigned int kDistinctKeys = 16;    // keys per algorithm
 constexpr unsigned int kLinesPerFile = 1024;  // OpenSSH and hex lines per file (keys repeat)
 
 struct Algorithm {
@@ -110,7 +110,8 @@ std::vector<std::string> split_lines(const std::string &text) {
 std::vector<std::string> split_blocks(const std::string &text) {
     std::vector<std::string> out;
     const std::string end = "---- END SSH2 PUBLIC KEY ----\n";
-    for (std::size_t pos = 0, next; (next = text.find(end, pos)) != std::string::npos; pos = next + end.size())
+    for (std::size_t pos = 0, next; (next = text.find(end, pos)) != std::string::npos;
+         pos = next + end.size())
         out.push_back(text.substr(pos, next + end.size() - pos));
     return out;
 }
@@ -187,7 +188,8 @@ int main(int argc, char **argv) {
         if (std::strcmp(argv[i], "--inputs") == 0) inputs = argv[i + 1];
     }
     if (inputs.empty()) {
-        std::fprintf(stderr, "usage: %s --write-inputs DIR | --inputs DIR [benchmark flags]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s --write-inputs DIR | --inputs DIR [benchmark flags]\n",
+                     argv[0]);
         return 2;
     }
 
@@ -202,19 +204,18 @@ int main(int argc, char **argv) {
                                          time_reader(s, openssh, PKEY_PEER_ReadOpenSSHPubKey);
                                      })
             ->Unit(benchmark::kMicrosecond);
-        benchmark::RegisterBenchmark(("BM_PeerParse/ssh2/" + label).c_str(),
-                                     [ssh2](benchmark::State &s) {
-                                         time_reader(s, ssh2, PKEY_PEER_ReadSSH2PubKey);
-                                     })
+        benchmark::RegisterBenchmark(
+            ("BM_PeerParse/ssh2/" + label).c_str(),
+            [ssh2](benchmark::State &s) { time_reader(s, ssh2, PKEY_PEER_ReadSSH2PubKey); })
             ->Unit(benchmark::kMicrosecond);
         benchmark::RegisterBenchmark(("BM_PeerParse/hex/" + label).c_str(),
                                      [hex](benchmark::State &s) { time_key_code(s, hex); })
             ->Unit(benchmark::kMicrosecond);
     }
     const std::string mixed = read_text(inputs / kMixedFile);
-    benchmark::RegisterBenchmark("BM_PeerParse/file/mixed",
-                                 [mixed](benchmark::State &s) { time_file(s, mixed); })
-        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BM_PeerParse/file/mixed", [mixed](benchmark::State &s) {
+        time_file(s, mixed);
+    })->Unit(benchmark::kMillisecond);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -163,7 +163,8 @@ void BM_LookupFips(benchmark::State &state) {
     for (auto _ : state) {
         if (saved_between) {
             state.PauseTiming();
-            PKEY_PEER_SavePeerPubKey(refused.data(), static_cast<unsigned int>(refused.size()), "late");
+            PKEY_PEER_SavePeerPubKey(refused.data(), static_cast<unsigned int>(refused.size()),
+                                     "late");
             state.ResumeTiming();
         }
         EVP_PKEY *key = PKEY_GetUserKeyByName(approved_name(pick(rng)).c_str());
@@ -186,8 +187,14 @@ BENCHMARK(BM_Lookup)->Apply(sizes)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Save)->Apply(sizes)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Remove)->Apply(sizes)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SortedList)->Apply(sizes)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_FipsPurge)->Apply(sizes)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_LookupFips)->ArgsProduct({{1000, 10000, 100000}, {0, 1}})->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FipsPurge)
+    ->Apply(sizes)
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LookupFips)
+    ->ArgsProduct({{1000, 10000, 100000}, {0, 1}})
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "pkey_cfgmng.h"
+#include "pkey_der.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
-#include "pkey_der.hpp"
 
 namespace {
 
@@ -48,7 +48,8 @@ unsigned char *_cfgmng_GetPeerPubKeyValue(int handle, const char *name, unsigned
     if (size < 1) return nullptr;
     auto *value = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(size)));
     if (value == nullptr) return nullptr;
-    const int got = DBM_GetBinary(handle, name, name_len(name), 0, static_cast<unsigned>(size), value);
+    const int got =
+        DBM_GetBinary(handle, name, name_len(name), 0, static_cast<unsigned>(size), value);
     if (got < 1) {
         std::free(value);
         return nullptr;
@@ -268,7 +269,8 @@ int PKEY_CFGMNG_OpenDBM(int mode) noexcept {
     return DBM_Open(kDatabase, kDatabase, mode, &options, &handle) == 0 ? handle : -1;
 }
 
-unsigned int PKEY_CFGMNG_Save(const char *name, unsigned int len, const unsigned char *der) noexcept {
+unsigned int PKEY_CFGMNG_Save(const char *name, unsigned int len,
+                              const unsigned char *der) noexcept {
     if (name == nullptr || der == nullptr) return PKEY_ERR_FAILED;
     const DbHandle db(PKEY_CFGMNG_MODE_SAVE);
     if (!db.ok()) return PKEY_ERR_FAILED;

@@ -6,6 +6,8 @@
 // written, and only uncompressed points. Each curve's group is built once per
 // process and shared by every call and thread; nothing ever modifies a group
 // after it is built, and per-call work stays on points and numbers of its own.
+#include "pkey_ec.h"
+
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
@@ -22,7 +24,6 @@
 #include "ec/pkey_ec_read.hpp"
 #include "pkey_base64.hpp"
 #include "pkey_curves.hpp"
-#include "pkey_ec.h"
 #include "pkey_util.hpp"
 
 namespace {
@@ -70,7 +71,7 @@ constexpr unsigned int kMaxReadLen = 512;
 constexpr std::uint32_t kMaxPointLen = 134;  // refused from here on; P-521's 133 is the largest
 constexpr unsigned int kMinPointField = 8;   // length field and at least the form byte
 constexpr std::uint8_t kUncompressed = POINT_CONVERSION_UNCOMPRESSED;
-constexpr std::size_t kLengthFields = 12;    // the three length fields of the key buffer
+constexpr std::size_t kLengthFields = 12;  // the three length fields of the key buffer
 
 // The key being read and the point it is read into, released together.
 struct EcRes {
@@ -172,9 +173,8 @@ const char *key_type_name_of_nid(int nid) noexcept {
 EvpPkeyPtr public_key_of(const Curve &curve, const EC_GROUP *group,
                          const EC_POINT *point) noexcept {
     unsigned char octets[kMaxPointLen];
-    const std::size_t len =
-        EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets, sizeof octets,
-                           nullptr);
+    const std::size_t len = EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets,
+                                               sizeof octets, nullptr);
     if (len == 0) return nullptr;
     return pkey::curves::public_key(curve, {octets, len});
 }
@@ -244,8 +244,8 @@ EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
     BnCtxPtr ctx(BN_CTX_new());
     if (res.pstPoint == nullptr || !ctx) return nullptr;
     PointOctets octets;
-    if (_ec_buffer_get_ecpoint_ret(in.position(), static_cast<unsigned int>(in.remaining()),
-                                   group, res.pstPoint, ctx.get(), octets) != 0)
+    if (_ec_buffer_get_ecpoint_ret(in.position(), static_cast<unsigned int>(in.remaining()), group,
+                                   res.pstPoint, ctx.get(), octets) != 0)
         return nullptr;
     if (!public_point_valid(group, res.pstPoint, octets.span(), validation, ctx.get()))
         return nullptr;
@@ -253,10 +253,10 @@ EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
     // The decoder takes the uncompressed form at exactly the field's width and
     // nothing else, so the bytes it took are the point's one encoding, which
     // the key can be given as they are.
-    res.pstKey = (validation == PointValidation::kFull
-                      ? public_key_of(*curve, group, res.pstPoint)
-                      : pkey::curves::public_key(*curve, octets.span()))
-                     .release();
+    res.pstKey =
+        (validation == PointValidation::kFull ? public_key_of(*curve, group, res.pstPoint)
+                                              : pkey::curves::public_key(*curve, octets.span()))
+            .release();
     if (res.pstKey == nullptr) return nullptr;
     EvpPkeyPtr result(std::exchange(res.pstKey, nullptr));
     _ec_FreeECRes(res);
@@ -299,8 +299,7 @@ char *PKEY_EC_EcToBase64(EVP_PKEY *pkey, unsigned int *outLen) noexcept {
         ByteWriter out(blob.get(), total);
         if (!_ec_PutLenToBuf(typeLen, out) || !out.put_bytes(typeName, typeLen) ||
             !_ec_PutLenToBuf(kCurveIdLen, out) ||
-            !out.put_bytes(curve->ssh_id.data(), kCurveIdLen) ||
-            !_ec_PutLenToBuf(q, out))
+            !out.put_bytes(curve->ssh_id.data(), kCurveIdLen) || !_ec_PutLenToBuf(q, out))
             return nullptr;
         unsigned char *dst = out.cursor();
         if (!out.commit(q) || EC_POINT_point2oct(group, point.get(), POINT_CONVERSION_UNCOMPRESSED,

@@ -30,11 +30,11 @@ enum class PointValidation {
 // order - 1. encoding is the uncompressed form the point was decoded from
 // (0x04, X, Y), which the decoder has already found on the curve.
 [[nodiscard]] bool public_point_valid(const EC_GROUP *group, const EC_POINT *point,
-                        std::span<const unsigned char> encoding, PointValidation validation,
-                        BN_CTX *ctx) noexcept;
+                                      std::span<const unsigned char> encoding,
+                                      PointValidation validation, BN_CTX *ctx) noexcept;
 
 // What PKEY_ReadECDSAPubKey returns for the same bytes, validating as told.
 [[nodiscard]] EvpPkeyPtr read_public_key(const unsigned char *buf, unsigned int len,
-                           PointValidation validation) noexcept;
+                                         PointValidation validation) noexcept;
 
 }  // namespace pkey::ec

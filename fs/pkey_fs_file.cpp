@@ -254,8 +254,9 @@ void *PKEY_FS_ReadDataFromVFS(const char *path, unsigned int *len) noexcept {
 
 int PKEY_FS_WriteDataToVFSWithFd(const void *buf, unsigned int len, int fd) noexcept {
     if (buf == nullptr && len != 0) return static_cast<int>(PKEY_ERR_FAILED);
-    return write_once(fd, buf, len) == static_cast<ssize_t>(len) ? 0
-                                                                 : static_cast<int>(PKEY_ERR_FAILED);
+    return write_once(fd, buf, len) == static_cast<ssize_t>(len)
+               ? 0
+               : static_cast<int>(PKEY_ERR_FAILED);
 }
 
 int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len, const char *path) noexcept {

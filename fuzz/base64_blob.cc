@@ -41,7 +41,8 @@ Blob decode_groups(const char *text) {
 
 void put_field(Blob &out, std::span<const unsigned char> data) {
     const auto n = static_cast<std::uint32_t>(data.size());
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<unsigned char>(n >> shift));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(static_cast<unsigned char>(n >> shift));
     out.insert(out.end(), data.begin(), data.end());
 }
 

@@ -101,7 +101,8 @@ inline void open_store(bool shared) {
             std::filesystem::remove_all(temp_root, ec);
         });
         if (shared)
-            std::fprintf(stderr, "FUZZ_STORE is not set: key files of the seeds will not decipher\n");
+            std::fprintf(stderr,
+                         "FUZZ_STORE is not set: key files of the seeds will not decipher\n");
     }
     if (HOST_Open(root.c_str()) != 0) {
         std::fprintf(stderr, "cannot open the store %s\n", root.c_str());

@@ -120,7 +120,9 @@ void text_seeds(const SeedKey &k, EVP_PKEY *key, const std::string &der_hex) {
         put("peer_text", n + "-" + kForm[format], text.get());
     }
     const std::string b64 = ssh2_base64(key);
-    const char *type = k.alg == PKEY_ALG_RSA ? "ssh-rsa" : k.alg == PKEY_ALG_DSA ? "ssh-dss" : nullptr;
+    const char *type = k.alg == PKEY_ALG_RSA   ? "ssh-rsa"
+                       : k.alg == PKEY_ALG_DSA ? "ssh-dss"
+                                               : nullptr;
     std::string ec_type;
     if (type == nullptr) {
         ec_type = "ecdsa-sha2-" + std::string(k.nid == PKEY_NID_P192   ? "nistp192"
@@ -131,8 +133,9 @@ void text_seeds(const SeedKey &k, EVP_PKEY *key, const std::string &der_hex) {
     }
     // As ssh-keygen -e writes it: lines of 70 and a continued quoted comment.
     put("peer_text", n + "-ssh2-wrapped",
-        "---- BEGIN SSH2 PUBLIC KEY ----\nComment: \"" + n + " key made for \\\nthe fuzz seeds\"\n" +
-            wrapped(b64, "\n") + "---- END SSH2 PUBLIC KEY ----\n");
+        "---- BEGIN SSH2 PUBLIC KEY ----\nComment: \"" + n +
+            " key made for \\\nthe fuzz seeds\"\n" + wrapped(b64, "\n") +
+            "---- END SSH2 PUBLIC KEY ----\n");
     put("peer_text", n + "-ssh2-crlf-subject",
         "---- BEGIN SSH2 PUBLIC KEY ----\r\nSubject: fuzz\r\nComment: \"x\"\r\n" +
             wrapped(b64, "\r\n") + "---- END SSH2 PUBLIC KEY ----\r\n");
@@ -159,16 +162,16 @@ void keycode_seeds(const SeedKey &k, EVP_PKEY *key, std::string &der_hex) {
     if (len <= 0) die("a key has no DER");
     der_hex = hex(der, static_cast<std::size_t>(len), true);
     put("keycode_entry", k.name, der_hex);
-    put("keycode_entry", std::string(k.name) + "-lower", hex(der, static_cast<std::size_t>(len), false));
+    put("keycode_entry", std::string(k.name) + "-lower",
+        hex(der, static_cast<std::size_t>(len), false));
     OPENSSL_free(der);
     if (k.nid == PKEY_NID_P256) {
         // The same point with the curve's parameters spelt out instead of
         // named, as some tools write it.
         pkey::EvpPkeyPtr copy(EVP_PKEY_dup(key));
         unsigned char *explicit_der = nullptr;
-        if (copy &&
-            EVP_PKEY_set_utf8_string_param(copy.get(), OSSL_PKEY_PARAM_EC_ENCODING,
-                                           OSSL_PKEY_EC_ENCODING_EXPLICIT) == 1) {
+        if (copy && EVP_PKEY_set_utf8_string_param(copy.get(), OSSL_PKEY_PARAM_EC_ENCODING,
+                                                   OSSL_PKEY_EC_ENCODING_EXPLICIT) == 1) {
             const int elen = i2d_PUBKEY(copy.get(), &explicit_der);
             if (elen > 0)
                 put("keycode_entry", "p256-explicit",

@@ -68,7 +68,8 @@ PKEY_API unsigned int PKEY_CFGMNG_Save(const char *name, unsigned int len,
 PKEY_API unsigned int PKEY_CFGMNG_Delete(const char *name) PKEY_NOEXCEPT;
 /* The stored DER of a name (free with free()), its length in *len; NULL when
  * there is none. Runs the FIPS purge first. */
-PKEY_API unsigned char *PKEY_CFGMNG_GetPeerPubKeyValue(const char *name, unsigned int *len) PKEY_NOEXCEPT;
+PKEY_API unsigned char *PKEY_CFGMNG_GetPeerPubKeyValue(const char *name,
+                                                       unsigned int *len) PKEY_NOEXCEPT;
 /* In FIPS mode, deletes every stored key that decodes and is too weak for
  * the mode (those already examined by an earlier purge are known not to be,
  * unless written again since); outside FIPS mode does nothing. */
@@ -79,7 +80,8 @@ PKEY_API char *PKEY_CFGMNG_GetPeerPubKeyList(int handle, unsigned int *count) PK
 /* The names in ascending byte order (equal names in table order) as a
  * circular list with a head; NULL when there is none. Free with
  * PKEY_CFGMNG_DestroySortedPeerKeyNameList. */
-PKEY_API PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle, unsigned int *count) PKEY_NOEXCEPT;
+PKEY_API PKEY_NAME_LINK_S *PKEY_CFGMNG_GetSortedPeerKeyNameList(int handle,
+                                                                unsigned int *count) PKEY_NOEXCEPT;
 PKEY_API void PKEY_CFGMNG_DestroySortedPeerKeyNameList(PKEY_NAME_LINK_S *head) PKEY_NOEXCEPT;
 
 #ifdef __cplusplus

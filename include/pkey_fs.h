@@ -41,7 +41,8 @@ PKEY_API const char *PKEY_FS_GetKeyDir(unsigned int algId) PKEY_NOEXCEPT;
 /* "hostkey", "dsakey", "ecdsakey" for ids 1 to 3; "" otherwise. */
 PKEY_API const char *PKEY_FS_GetDefaultKeyName(unsigned int algId) PKEY_NOEXCEPT;
 /* The default key name of a host key, or "serverkey" for every other kind. */
-PKEY_API const char *PKEY_FS_GetPKEYDefaultKeyName(unsigned int algId, unsigned int keyKind) PKEY_NOEXCEPT;
+PKEY_API const char *PKEY_FS_GetPKEYDefaultKeyName(unsigned int algId,
+                                                   unsigned int keyKind) PKEY_NOEXCEPT;
 /* 1 when the platform reports no memory alarm, else 0. */
 PKEY_API int PKEY_FS_CheckMemStatus(void) PKEY_NOEXCEPT;
 /* Pointer to the ending of str that equals suffix, or NULL. */
@@ -57,7 +58,8 @@ PKEY_API int PKEY_FS_MakeDevFilePrefix(unsigned int node, char *out) PKEY_NOEXCE
 /* Full file name of a key for a node; returns the count of characters
  * appended after the prefix (0 for an algId of 4 or more, out untouched). */
 PKEY_API int PKEY_FS_MakeFullFileName(unsigned int algId, unsigned int keyKind, unsigned int node,
-                                      const char *name, PKEY_FS_PREFIX_FN prefixFn, char *out) PKEY_NOEXCEPT;
+                                      const char *name, PKEY_FS_PREFIX_FN prefixFn,
+                                      char *out) PKEY_NOEXCEPT;
 
 /* ---- Locked files and key directories ------------------------------------ */
 
@@ -82,7 +84,8 @@ PKEY_API void *PKEY_FS_ReadDataFromVFS(const char *path, unsigned int *len) PKEY
 PKEY_API int PKEY_FS_WriteDataToVFSWithFd(const void *buf, unsigned int len, int fd) PKEY_NOEXCEPT;
 /* Creates (or truncates) the file and writes it whole under its lock; a
  * failed write leaves no file. 0 or PKEY_ERR_FAILED. */
-PKEY_API int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len, const char *path) PKEY_NOEXCEPT;
+PKEY_API int PKEY_FS_WriteDataToVFS(const void *buf, unsigned int len,
+                                    const char *path) PKEY_NOEXCEPT;
 /* Removes a file; a missing file is success. The first two arguments are
  * ignored. 0 or PKEY_ERR_FAILED. */
 PKEY_API int PKEY_FS_RemoveFileFromVFS(int ignored1, int ignored2, const char *path) PKEY_NOEXCEPT;
@@ -96,7 +99,8 @@ PKEY_API int PKEY_FS_RemovePkeyDir(const char *subDir, const char *base) PKEY_NO
 /* Copies every file of srcBase + subDir to dstBase + subDir. 0 when the
  * source cannot be opened, -1 when it cannot be read to its end, else the
  * result of closing it. */
-PKEY_API int PKEY_FS_CopyPkeyDir(const char *subDir, const char *srcBase, const char *dstBase) PKEY_NOEXCEPT;
+PKEY_API int PKEY_FS_CopyPkeyDir(const char *subDir, const char *srcBase,
+                                 const char *dstBase) PKEY_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -72,33 +72,34 @@ PKEY_API EVP_PKEY *PKEY_GenerateECKey(int curveNid) PKEY_NOEXCEPT;
 /* Reserved generator row: always NULL. */
 PKEY_API EVP_PKEY *PKEY_LOCAL_GenerateReserve(unsigned int bits) PKEY_NOEXCEPT;
 /* Size of the RSA server key that goes with a host key; 0 for none. */
-PKEY_API unsigned int PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(unsigned int hostKeyBits) PKEY_NOEXCEPT;
+PKEY_API unsigned int PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(unsigned int hostKeyBits)
+    PKEY_NOEXCEPT;
 
 /* ---- Records handed out ------------------------------------------------- */
 
 /* A key read from its key file with the creation time of its record. Free
  * with PKEY_LOCAL_DestoryEvpkeyWithTime. */
 typedef struct tagPKEY_KEY_WITH_TIME {
-    EVP_PKEY *pstKey;   /* owned by the record */
-    char szTime[9];     /* "HH:MM:SS" */
-    char szDate[11];    /* "YYYY/MM/DD" */
+    EVP_PKEY *pstKey; /* owned by the record */
+    char szTime[9];   /* "HH:MM:SS" */
+    char szDate[11];  /* "YYYY/MM/DD" */
 } PKEY_KEY_WITH_TIME_S;
 
 /* Flags of a local key info record. */
-#define PKEY_INFO_NEXT_SERVER 0x1U  /* the next step of an enumeration is the server key */
-#define PKEY_INFO_NEXT_DIR 0x2U     /* the next step reads the key directory */
-#define PKEY_INFO_HAS_KEY 0x10U     /* the record describes a key that could be read */
+#define PKEY_INFO_NEXT_SERVER 0x1U /* the next step of an enumeration is the server key */
+#define PKEY_INFO_NEXT_DIR 0x2U    /* the next step reads the key directory */
+#define PKEY_INFO_HAS_KEY 0x10U    /* the record describes a key that could be read */
 
 /* Description of one local key for display. Free with
  * PKEY_LOCAL_DestroyLocalKeyInfo. */
 typedef struct tagPKEY_LOCAL_KEY_INFO {
-    unsigned int uiAlgId;        /* pkey alg id; 4 when no key was read */
+    unsigned int uiAlgId; /* pkey alg id; 4 when no key was read */
     unsigned int uiBits;
-    char szName[65];             /* key name, or default name + "(default)" */
-    char szTime[21];             /* "HH:MM:SS YYYY/MM/DD" */
-    char *pcPubKeyText;          /* owned: DER public key as key-code text */
-    struct dirent *pstPosition;  /* the enumeration's entry buffer, or NULL */
-    unsigned int uiFlags;        /* PKEY_INFO_* */
+    char szName[65];            /* key name, or default name + "(default)" */
+    char szTime[21];            /* "HH:MM:SS YYYY/MM/DD" */
+    char *pcPubKeyText;         /* owned: DER public key as key-code text */
+    struct dirent *pstPosition; /* the enumeration's entry buffer, or NULL */
+    unsigned int uiFlags;       /* PKEY_INFO_* */
 } PKEY_LOCAL_KEY_INFO_S;
 
 /* ---- Key files ----------------------------------------------------------- */
@@ -131,8 +132,7 @@ PKEY_API int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in,
 PKEY_API int PKEY_LOCAL_GetKeyStatusFromDataBuf(unsigned char *record, unsigned int len,
                                                 unsigned char *protection) PKEY_NOEXCEPT;
 /* A checked key with its creation time, or NULL. */
-PKEY_API PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId,
-                                                           unsigned int keyKind,
+PKEY_API PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId, unsigned int keyKind,
                                                            const char *name) PKEY_NOEXCEPT;
 PKEY_API void PKEY_LOCAL_DestoryEvpkeyWithTime(PKEY_KEY_WITH_TIME_S *keyWithTime) PKEY_NOEXCEPT;
 PKEY_API void PKEY_LOCAL_DestroyLocalKeyInfo(PKEY_LOCAL_KEY_INFO_S *info) PKEY_NOEXCEPT;
@@ -199,8 +199,8 @@ PKEY_API int PKEY_SaveServerKey(EVP_PKEY *key) PKEY_NOEXCEPT;
 /* State of one enumeration of an algorithm's local keys. */
 typedef struct tagPKEY_LOCAL_NEXT_HANDLE {
     unsigned int uiAlgId;
-    DIR *pstDir;              /* the memory key directory, NULL if it could not be opened */
-    struct dirent *pstEntry;  /* the entry buffer the records' positions point at */
+    DIR *pstDir;             /* the memory key directory, NULL if it could not be opened */
+    struct dirent *pstEntry; /* the entry buffer the records' positions point at */
 } PKEY_LOCAL_NEXT_HANDLE_S;
 
 /* Enumeration: GetNextInit, GetFirst (the default host key), then GetNext with
@@ -248,7 +248,8 @@ PKEY_API unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PK
  * is not there is no error. PKEY_ERR_FAILED, nothing removed, for a name that
  * would leave the key directory or when both copies' names lead to one
  * existing file. */
-PKEY_API int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind, const char *name) PKEY_NOEXCEPT;
+PKEY_API int PKEY_LOCAL_DestroyOneKey(unsigned int algId, unsigned int keyKind,
+                                      const char *name) PKEY_NOEXCEPT;
 /* Destroys the host key of a request; the default RSA host key takes its
  * server key with it. */
 PKEY_API int PKEY_LOCAL_DestroyKey(const PKEY_KEYGEN_REQ_S *request) PKEY_NOEXCEPT;

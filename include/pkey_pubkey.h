@@ -77,7 +77,8 @@ PKEY_API int PKEY_PUBKEY_IsPublicKeyPossible(const EVP_PKEY *key) PKEY_NOEXCEPT;
 
 /* Copies src without its blanks (0x20), at most dstSize - 1 characters, always
  * terminated; returns the count written. A dstSize of 0 writes nothing. */
-PKEY_API unsigned int PKEY_StrRemoveSpaceCopy(const char *src, unsigned int dstSize, char *dst) PKEY_NOEXCEPT;
+PKEY_API unsigned int PKEY_StrRemoveSpaceCopy(const char *src, unsigned int dstSize,
+                                              char *dst) PKEY_NOEXCEPT;
 /* Removes every CR and LF in place; returns the new length. */
 PKEY_API unsigned int PKEY_RemoveCRLF(char *text) PKEY_NOEXCEPT;
 /* Value 0..15 of a hexadecimal digit; 0 for any other character. */
@@ -101,17 +102,17 @@ PKEY_API unsigned char *PKEY_PutLenToBuf(unsigned int len, unsigned char **curso
  * Takes no size: data must hold 4 readable bytes, and the value read is not
  * checked against anything. */
 PKEY_API const unsigned char *PKEY_GetLengthFromData(const unsigned char *data,
-                                                      unsigned int *lenOut) PKEY_NOEXCEPT;
+                                                     unsigned int *lenOut) PKEY_NOEXCEPT;
 
 /* Builds the store record of a key pair; *lenOut gets its length. NULL on
  * failure (*lenOut untouched). Free the record with free(). */
-PKEY_API unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key, unsigned int *lenOut) PKEY_NOEXCEPT;
+PKEY_API unsigned char *PKEY_PUBKEY_ConvertKeyToStoreBuf(EVP_PKEY *key,
+                                                         unsigned int *lenOut) PKEY_NOEXCEPT;
 /* Turns a record back into a key pair of the given pkey alg id; NULL on
  * failure. The record's digest is not checked here: the key file reader
  * checks it before a record reaches this function. */
-PKEY_API EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId,
-                                                   const unsigned char *record,
-                                                   unsigned int recordLen) PKEY_NOEXCEPT;
+PKEY_API EVP_PKEY *PKEY_PUBKEY_ConvertStoreBufToKey(unsigned int algId, const unsigned char *record,
+                                                    unsigned int recordLen) PKEY_NOEXCEPT;
 
 /* Payload bound of a key per algorithm (rows of g_apfPKEYGetAlgStoreLen). */
 PKEY_API unsigned int PKEY_PUBKEY_GetStoreLenFromEvpReserve(EVP_PKEY *key) PKEY_NOEXCEPT;
@@ -147,7 +148,8 @@ PKEY_API char *PKEY_PUBKEY_DER2BdrnBuf(const unsigned char *der, unsigned int de
 /* The public key as text: with ssh2 0 the SSH1 form "e n" in decimal (RSA
  * only; *outLen = its length), otherwise the SSH2 key buffer in one line of
  * Base64 (*outLen = character count + 1). Free with free(); NULL on failure. */
-PKEY_API char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2, unsigned int *outLen) PKEY_NOEXCEPT;
+PKEY_API char *PKEY_PUBKEY_EvppkeyToBase64(EVP_PKEY *key, int ssh2,
+                                           unsigned int *outLen) PKEY_NOEXCEPT;
 /* A public key from the Base64 of an SSH key buffer ("ssh-rsa" and its
  * x509v3/spki/pgp aliases, "ssh-dss", "ecdsa-..."); no blanks or line breaks
  * are skipped. A new key, or NULL. */
@@ -190,7 +192,8 @@ PKEY_API void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor,
 /* Reads one SSH mpint within *remaining bytes into *bnOut; 0 or
  * PKEY_ERR_FAILED (a length beyond what remains is refused). */
 PKEY_API unsigned int PKEY_PUBKEY_GetBNFromKeyBuf(const unsigned char **cursor,
-                                                  unsigned int *remaining, BIGNUM **bnOut) PKEY_NOEXCEPT;
+                                                  unsigned int *remaining,
+                                                  BIGNUM **bnOut) PKEY_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -63,11 +63,11 @@ extern "C" {
  * PKEY_LOCAL_DestroyKey destroys. The layout is fixed (84 bytes).
  */
 typedef struct tagPKEY_KEYGEN_REQ {
-    unsigned int uiAlgId;                  /* pkey alg id: 1 RSA, 2 DSA, 3 ECDSA */
-    unsigned int uiKeyBits;                /* RSA or DSA size; ignored for ECDSA */
-    unsigned int uiReserved;               /* filled by callers, never read */
-    char szKeyName[PKEY_KEYGEN_NAME_LEN];  /* NUL-terminated; "" is the default key */
-    unsigned int uiCurveNid;               /* ECDSA curve; ignored for RSA and DSA */
+    unsigned int uiAlgId;                 /* pkey alg id: 1 RSA, 2 DSA, 3 ECDSA */
+    unsigned int uiKeyBits;               /* RSA or DSA size; ignored for ECDSA */
+    unsigned int uiReserved;              /* filled by callers, never read */
+    char szKeyName[PKEY_KEYGEN_NAME_LEN]; /* NUL-terminated; "" is the default key */
+    unsigned int uiCurveNid;              /* ECDSA curve; ignored for RSA and DSA */
 } PKEY_KEYGEN_REQ_S;
 
 /*

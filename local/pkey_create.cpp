@@ -50,9 +50,8 @@ int PKEY_LOCAL_GenerateKey(const PKEY_KEYGEN_REQ_S *request) noexcept {
     if (request == nullptr) return PKEY_ERR_FAILED;
     char name[PKEY_KEYGEN_NAME_LEN];
     pkey::local::request_name(*request, name);
-    const int r = PKEY_LOCAL_GenerateOneKey(request->uiAlgId,
-                                            static_cast<int>(request->uiCurveNid), PKEY_KEY_HOST,
-                                            request->uiKeyBits, name);
+    const int r = PKEY_LOCAL_GenerateOneKey(request->uiAlgId, static_cast<int>(request->uiCurveNid),
+                                            PKEY_KEY_HOST, request->uiKeyBits, name);
     // No SSH1 server key is ever made in FIPS mode, whatever the host key did.
     if (CRYPTO_FIPSIsEnabled() == 1) return r;
     if (r != 0) return r;
@@ -76,7 +75,8 @@ int PKEY_UpdateServerKey(int evpType, const char *name) noexcept {
     } else {
         pkey::EvpPkeyPtr host(PKEY_LOCAL_GetLocKey(PKEY_ALG_RSA, PKEY_KEY_HOST, name));
         if (!host) return PKEY_ERR_FAILED;
-        server_bits = PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(PKEY_PUBKEY_GetPubKeySize(host.get()));
+        server_bits =
+            PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(PKEY_PUBKEY_GetPubKeySize(host.get()));
     }
     if (server_bits == 0) return PKEY_ERR_FAILED;
     return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_RSA, 0, PKEY_KEY_SERVER, server_bits, name);

@@ -75,10 +75,9 @@ bool generate_pq(unsigned int L, unsigned int N, const std::vector<unsigned char
     const auto seedlen = static_cast<unsigned int>(seed_bytes.size());
 
     BignumPtr seed(BN_bin2bn(seed_bytes.data(), static_cast<int>(seedlen), nullptr));
-    BignumPtr u(BN_new()), q(BN_new()), tmp(BN_new()), w(BN_new()), x(BN_new()),
-        c(BN_new()), p(BN_new()), two_q(BN_new()), v(BN_new()), modulus(BN_new());
-    if (!seed || !u || !q || !tmp || !w || !x || !c || !p || !two_q || !v || !modulus)
-        return false;
+    BignumPtr u(BN_new()), q(BN_new()), tmp(BN_new()), w(BN_new()), x(BN_new()), c(BN_new()),
+        p(BN_new()), two_q(BN_new()), v(BN_new()), modulus(BN_new());
+    if (!seed || !u || !q || !tmp || !w || !x || !c || !p || !two_q || !v || !modulus) return false;
 
     // U = Hash(seed) mod 2^(N-1); q = 2^(N-1) + U + 1 - (U mod 2)
     unsigned char digest[SHA256_DIGEST_LENGTH];

@@ -25,8 +25,7 @@ constexpr unsigned int kExtraRoom = 512;  // decorations around the key's body
 
 using AppendFn = unsigned int (*)(unsigned int, EVP_PKEY *, const char *, const char *,
                                   unsigned int, char *);
-const AppendFn g_apfPKEYAppendBuf[3] = {PKEY_LOCAL_AppendBufFromSSH1,
-                                        PKEY_LOCAL_AppendBufFromSSH2,
+const AppendFn g_apfPKEYAppendBuf[3] = {PKEY_LOCAL_AppendBufFromSSH1, PKEY_LOCAL_AppendBufFromSSH2,
                                         PKEY_LOCAL_AppendBufFromOPENSSH};
 
 bool format_allowed(unsigned int alg, unsigned int format) noexcept {
@@ -91,7 +90,8 @@ extern "C" {
 PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetLocPubKeyInfo(unsigned int algId, unsigned int keyKind,
                                                    const char *name) noexcept {
     if (name == nullptr) name = "";
-    auto *info = static_cast<PKEY_LOCAL_KEY_INFO_S *>(std::calloc(1, sizeof(PKEY_LOCAL_KEY_INFO_S)));
+    auto *info =
+        static_cast<PKEY_LOCAL_KEY_INFO_S *>(std::calloc(1, sizeof(PKEY_LOCAL_KEY_INFO_S)));
     if (info == nullptr) return nullptr;
     info->uiAlgId = PKEY_ALG_UNSUPPORTED;
     PKEY_KEY_WITH_TIME_S *stored = PKEY_LOCAL_ReadKeyToEvpPkey(algId, keyKind, name);
@@ -100,8 +100,8 @@ PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetLocPubKeyInfo(unsigned int algId, unsigned 
     unsigned char *der = nullptr;
     const int der_len = i2d_PUBKEY(stored->pstKey, &der);
     pkey::OpensslPtr<> der_owner(der);
-    char *text = der_len > 0 ? PKEY_PUBKEY_DER2BdrnBuf(der, static_cast<unsigned int>(der_len))
-                             : nullptr;
+    char *text =
+        der_len > 0 ? PKEY_PUBKEY_DER2BdrnBuf(der, static_cast<unsigned int>(der_len)) : nullptr;
     if (text == nullptr) {
         PKEY_LOCAL_DestoryEvpkeyWithTime(stored);
         return info;
@@ -150,8 +150,8 @@ PKEY_LOCAL_KEY_INFO_S *PKEY_LOCAL_GetNext(PKEY_LOCAL_NEXT_HANDLE_S *handle,
                                           PKEY_LOCAL_KEY_INFO_S *previous) noexcept {
     if (handle == nullptr || previous == nullptr) return nullptr;
     if ((previous->uiFlags & PKEY_INFO_NEXT_SERVER) != 0) {
-        return with_step(PKEY_LOCAL_GetLocPubKeyInfo(handle->uiAlgId, PKEY_KEY_SERVER, ""),
-                         nullptr, PKEY_INFO_NEXT_DIR);
+        return with_step(PKEY_LOCAL_GetLocPubKeyInfo(handle->uiAlgId, PKEY_KEY_SERVER, ""), nullptr,
+                         PKEY_INFO_NEXT_DIR);
     }
     if ((previous->uiFlags & PKEY_INFO_NEXT_DIR) == 0) return nullptr;
     struct dirent *entry =
@@ -197,7 +197,8 @@ unsigned int PKEY_LOCAL_AppendBufFromSSH2(unsigned int algId, EVP_PKEY *key, con
 }
 
 unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PKEY *key, const char *body,
-                                             const char * /*date*/, unsigned int size, char *buf) noexcept {
+                                             const char * /*date*/, unsigned int size,
+                                             char *buf) noexcept {
     if (body == nullptr || buf == nullptr) return PKEY_ERR_FAILED;
     const TypeWords words = type_words(algId, key);
     const char *blank = words.openssh_type.empty() ? "" : " ";
@@ -206,7 +207,8 @@ unsigned int PKEY_LOCAL_AppendBufFromOPENSSH(unsigned int algId, EVP_PKEY *key, 
     return 0;
 }
 
-char *PKEY_LOCAL_GetPubKeyValue(unsigned int algId, unsigned int format, const char *name) noexcept {
+char *PKEY_LOCAL_GetPubKeyValue(unsigned int algId, unsigned int format,
+                                const char *name) noexcept {
     if (!format_allowed(algId, format) || name == nullptr) return nullptr;
     PKEY_KEY_WITH_TIME_S *stored = PKEY_LOCAL_ReadKeyToEvpPkey(algId, PKEY_KEY_HOST, name);
     if (stored == nullptr) return nullptr;

@@ -70,7 +70,8 @@ int write_file_image(unsigned int alg, unsigned int kind, const unsigned char *i
 extern "C" {
 
 int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
-                                const unsigned char *record, unsigned int len, const char *name) noexcept {
+                                const unsigned char *record, unsigned int len,
+                                const char *name) noexcept {
     if (pkey::is_escaping_key_name(name)) return PKEY_ERR_FAILED;
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
     return pkey::c_boundary<int>(PKEY_ERR_FAILED, [&]() -> int {
@@ -89,9 +90,9 @@ int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
         } else if (protection == kProtectRefused) {
             return PKEY_ERR_FAILED;
         } else {
-            const unsigned int r = PKEY_Encrypt(len - kHeaderLen, record + kHeaderLen,
-                                                len - kHeaderLen + PKEY_CIPHER_OVERHEAD,
-                                                image.data() + kHeaderLen);
+            const unsigned int r =
+                PKEY_Encrypt(len - kHeaderLen, record + kHeaderLen,
+                             len - kHeaderLen + PKEY_CIPHER_OVERHEAD, image.data() + kHeaderLen);
             if (r != 0) return static_cast<int>(r);
             // The whole region goes to disk, whatever the cipher used of it.
             image_len = len + PKEY_CIPHER_OVERHEAD;
@@ -102,7 +103,8 @@ int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
 
 int PKEY_LOCAL_SaveLocalKey(unsigned int algId, unsigned int keyKind, EVP_PKEY *key,
                             const char *name) noexcept {
-    if (key == nullptr || name == nullptr || pkey::is_escaping_key_name(name)) return PKEY_ERR_FAILED;
+    if (key == nullptr || name == nullptr || pkey::is_escaping_key_name(name))
+        return PKEY_ERR_FAILED;
     unsigned int len = 0;
     unsigned char *built = PKEY_PUBKEY_ConvertKeyToStoreBuf(key, &len);
     if (built == nullptr) return PKEY_ERR_FAILED;
@@ -125,7 +127,8 @@ int PKEY_LOCAL_DecryptPKey(unsigned int inLen, const unsigned char *in, unsigned
                            unsigned char *out, unsigned int *outLen) noexcept {
     if (in == nullptr || out == nullptr || outLen == nullptr) return PKEY_ERR_FAILED;
     pkey::record::Header header;
-    if (cap < kHeaderLen || !pkey::record::parse_header({in, inLen}, header)) return PKEY_ERR_FAILED;
+    if (cap < kHeaderLen || !pkey::record::parse_header({in, inLen}, header))
+        return PKEY_ERR_FAILED;
     const unsigned char protection = header.protection;
     if (CRYPTO_FIPSIsEnabled() == 1) {
         if (protection != PKEY_STORE_PROTECT_SHA256) return PKEY_ERR_FAILED;

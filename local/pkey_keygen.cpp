@@ -43,9 +43,9 @@ EVP_PKEY *PKEY_GenerateRSAKey(unsigned int bits) noexcept {
         if (!ctx || EVP_PKEY_keygen_init(ctx.get()) != 1) return nullptr;
         unsigned int e = kRsaPublicExponent;
         size_t nbits = bits;
-        const OSSL_PARAM params[] = {
-            OSSL_PARAM_construct_size_t(OSSL_PKEY_PARAM_RSA_BITS, &nbits),
-            OSSL_PARAM_construct_uint(OSSL_PKEY_PARAM_RSA_E, &e), OSSL_PARAM_construct_end()};
+        const OSSL_PARAM params[] = {OSSL_PARAM_construct_size_t(OSSL_PKEY_PARAM_RSA_BITS, &nbits),
+                                     OSSL_PARAM_construct_uint(OSSL_PKEY_PARAM_RSA_E, &e),
+                                     OSSL_PARAM_construct_end()};
         if (EVP_PKEY_CTX_set_params(ctx.get(), params) != 1) return nullptr;
         return generate_with(ctx.get());
     });
@@ -80,7 +80,8 @@ EVP_PKEY *PKEY_GeneratePKey(int evpType, unsigned int bits) noexcept {
         return PKEY_GenerateECKey(PKEY_PUBKEY_GetMinECKeyNid());
     }
     // The policy's whole range, tested in unsigned arithmetic.
-    if (bits - PKEY_RSA_DSA_MIN_BITS > PKEY_RSA_DSA_MAX_BITS - PKEY_RSA_DSA_MIN_BITS) return nullptr;
+    if (bits - PKEY_RSA_DSA_MIN_BITS > PKEY_RSA_DSA_MAX_BITS - PKEY_RSA_DSA_MIN_BITS)
+        return nullptr;
     return g_apfPKEYGenerateKey[alg](bits);
 }
 

@@ -60,8 +60,7 @@ void _local_CheckKeyByFullFileName(const char *path, unsigned int alg) {
 
 // scandir filter: named key files only.
 int _local_ScandirKeyFile(const struct dirent *entry) {
-    return entry != nullptr && PKEY_FS_StrEndString(entry->d_name, kKeyFileExt) != nullptr ? 1
-                                                                                           : 0;
+    return entry != nullptr && PKEY_FS_StrEndString(entry->d_name, kKeyFileExt) != nullptr ? 1 : 0;
 }
 
 // The last path component "pkey" (any case) of path, or NULL. Only a whole
@@ -159,7 +158,8 @@ int PKEY_LOCAL_IsKeyNameCharValid(int c) noexcept {
 int PKEY_CheckLocalKeyName(const char *name) noexcept {
     if (name == nullptr || name[0] == '\0') return PKEY_ERR_FAILED;
     for (const char *p = name; *p != '\0'; ++p)
-        if (PKEY_LOCAL_IsKeyNameCharValid(static_cast<unsigned char>(*p)) == 0) return PKEY_ERR_FAILED;
+        if (PKEY_LOCAL_IsKeyNameCharValid(static_cast<unsigned char>(*p)) == 0)
+            return PKEY_ERR_FAILED;
     return 0;
 }
 
@@ -169,7 +169,8 @@ void PKEY_AdjustLocalKeyNameToValid(char *name) noexcept {
         if (PKEY_LOCAL_IsKeyNameCharValid(static_cast<unsigned char>(*p)) == 0) *p = '-';
 }
 
-EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKind, const char *name) noexcept {
+EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKind,
+                               const char *name) noexcept {
     unsigned int len = 0;
     unsigned char *plain = PKEY_LOCAL_ReadKeyToBuf(algId, keyKind, name, &len);
     if (plain == nullptr) return nullptr;
@@ -209,7 +210,8 @@ int PKEY_IsKeyExist(int evpType, const char *name) noexcept {
 }
 
 int PKEY_LOCAL_GetLocalKeyName(char *fileName) noexcept {
-    if (fileName == nullptr || std::strlen(fileName) < std::strlen(kKeyFileExt)) return PKEY_ERR_FAILED;
+    if (fileName == nullptr || std::strlen(fileName) < std::strlen(kKeyFileExt))
+        return PKEY_ERR_FAILED;
     char *ext = const_cast<char *>(PKEY_FS_StrEndString(fileName, kKeyFileExt));
     if (ext == nullptr) return PKEY_ERR_FAILED;
     *ext = '\0';

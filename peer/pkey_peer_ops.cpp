@@ -8,12 +8,12 @@
 #include <utility>
 
 #include "pkey_cfgmng.h"
+#include "pkey_der.hpp"
+#include "pkey_hex.hpp"
 #include "pkey_peer.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
-#include "pkey_der.hpp"
-#include "pkey_hex.hpp"
 
 namespace {
 
@@ -125,9 +125,10 @@ unsigned int PKEY_PEER_EditKeyCodeFinish(const char *entry) noexcept {
         const size_t name_len = strnlen(name, PKEY_PEER_NAME_LEN - 1);
         std::memcpy(stored_name, name, name_len);
         stored_name[name_len] = '\0';
-        const unsigned int r = decoded.canonical
-                                   ? PKEY_PEER_SavePeerPubKey(work, static_cast<unsigned int>(count), stored_name)
-                                   : save_der(der, stored_name);
+        const unsigned int r =
+            decoded.canonical
+                ? PKEY_PEER_SavePeerPubKey(work, static_cast<unsigned int>(count), stored_name)
+                : save_der(der, stored_name);
         if (r != 0) print_message(PKEY_MSG_SAVE_FAILED);
         return r;
     });

@@ -11,11 +11,11 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
+#include <string.h>  // strsep
 
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <string.h>  // strsep
 #include <string_view>
 
 #include "pkey_curves.hpp"

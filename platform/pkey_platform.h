@@ -37,10 +37,10 @@ extern "C" {
 #define DBM_MODE_WRITE 4
 
 #define DBM_OK 0
-#define DBM_ERR_PARAM 0x50010001      /* bad handle, argument or open mode */
-#define DBM_ERR_NOT_FOUND 0x50010002  /* no record under that key */
-#define DBM_ERR_IO 0x50010003         /* the database could not do the work */
-#define DBM_ERR_DENIED 0x50010004     /* the handle's mode does not allow it */
+#define DBM_ERR_PARAM 0x50010001     /* bad handle, argument or open mode */
+#define DBM_ERR_NOT_FOUND 0x50010002 /* no record under that key */
+#define DBM_ERR_IO 0x50010003        /* the database could not do the work */
+#define DBM_ERR_DENIED 0x50010004    /* the handle's mode does not allow it */
 
 typedef struct tagDBM_OPEN_OPTIONS {
     unsigned int uiWord0;
@@ -52,7 +52,7 @@ typedef struct tagDBM_OPEN_OPTIONS {
 
 /* One entry of a key listing. The key text belongs to the iterator. */
 typedef struct tagDBM_KEY_ENTRY {
-    const char *pcKey;       /* not NUL-terminated */
+    const char *pcKey; /* not NUL-terminated */
     unsigned int uiKeyLen;
     unsigned int uiReserved1;
     unsigned int uiReserved2;
@@ -132,12 +132,11 @@ PLATFORM_API int FS_GetNodePathName(const char *path, unsigned int node, unsigne
  * FS_DEVICE_NAME_LEN, FS_DIR_NAME_LEN and FS_FILE_NAME_LEN bytes. 0 on success.
  */
 PLATFORM_API int FS_AnalyseFileName(const char *fullName, unsigned short *location1,
-                                    unsigned short *location2, char *device, char *dir,
-                                    char *file);
+                                    unsigned short *location2, char *device, char *dir, char *file);
 /* 0 when the text is a well-formed full file name that a user file operation
  * may use; a platform may refuse names of its own files. */
-PLATFORM_API int FS_IsValidFullFileName(const char *fullName, unsigned int mode,
-                                        unsigned int flags, unsigned int reserved);
+PLATFORM_API int FS_IsValidFullFileName(const char *fullName, unsigned int mode, unsigned int flags,
+                                        unsigned int reserved);
 
 /* ---------------------------------------------------------------------------
  * Crypto service and the key-file cipher.

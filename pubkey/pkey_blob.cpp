@@ -1,8 +1,8 @@
 // The SSH public key blob (the wire form of RFC 4253) of RSA and DSA keys and
 // its one-line Base64 text, the SSH1 text of an RSA key, the strict Base64
 // reader that turns pasted text back into a key, the stricter check of a key
-// buffer as OpenSSH reads one, and the comparison of two public keys. ECDSA keys are written and read by the ECDSA module; this file
-// only routes them there.
+// buffer as OpenSSH reads one, and the comparison of two public keys. ECDSA keys are written and
+// read by the ECDSA module; this file only routes them there.
 //
 // Everything handled here is public key material, so buffers are freed
 // without wiping. Every length read from a blob is checked against the bytes
@@ -193,10 +193,9 @@ bool base64_decode(std::string_view text, ByteWriter &out) noexcept {
             if (v[i] == kBad) return false;
         }
         if (v[0] == kPad || v[1] == kPad || (v[2] == kPad && v[3] != kPad)) return false;
-        const std::uint32_t bits = (static_cast<std::uint32_t>(v[0]) << 18) |
-                                   (static_cast<std::uint32_t>(v[1]) << 12) |
-                                   (static_cast<std::uint32_t>(v[2] & 63) << 6) |
-                                   static_cast<std::uint32_t>(v[3] & 63);
+        const std::uint32_t bits =
+            (static_cast<std::uint32_t>(v[0]) << 18) | (static_cast<std::uint32_t>(v[1]) << 12) |
+            (static_cast<std::uint32_t>(v[2] & 63) << 6) | static_cast<std::uint32_t>(v[3] & 63);
         if (!out.put_u8(static_cast<std::uint8_t>(bits >> 16))) return false;
         if (v[2] != kPad && !out.put_u8(static_cast<std::uint8_t>(bits >> 8))) return false;
         if (v[3] != kPad && !out.put_u8(static_cast<std::uint8_t>(bits))) return false;
@@ -249,7 +248,8 @@ bool strict_mpints(ByteReader in, std::size_t count) noexcept {
 // decoder also takes a padded group in the middle of a text.
 bool padded_only_at_end(std::string_view text) noexcept {
     const std::size_t pad = text.find('=');
-    return pad == std::string_view::npos || text.find_first_not_of('=', pad) == std::string_view::npos;
+    return pad == std::string_view::npos ||
+           text.find_first_not_of('=', pad) == std::string_view::npos;
 }
 
 // What follows the ECDSA type name of a curve, as OpenSSH reads it: the
@@ -330,7 +330,9 @@ bool same_point(const EVP_PKEY *a, const EVP_PKEY *b) noexcept {
 
 extern "C" {
 
-unsigned int PKEY_PUBKEY_GetBufLenFromKeyReserve(EVP_PKEY * /*key*/, int /*ssh2*/) noexcept { return 0; }
+unsigned int PKEY_PUBKEY_GetBufLenFromKeyReserve(EVP_PKEY * /*key*/, int /*ssh2*/) noexcept {
+    return 0;
+}
 
 unsigned int PKEY_PUBKEY_GetBufLenFromRSAKey(EVP_PKEY *key, int ssh2) noexcept {
     return bound_of(key, ssh2, kRsaBlobOrder, kRsaSlack);
@@ -340,18 +342,22 @@ unsigned int PKEY_PUBKEY_GetBufLenFromDSAKey(EVP_PKEY *key, int ssh2) noexcept {
     return bound_of(key, ssh2, kDsaBlobOrder, kDsaSlack);
 }
 
-unsigned int PKEY_PUBKEY_GetBufLenFromECDSAKey(EVP_PKEY * /*key*/, int /*ssh2*/) noexcept { return 0; }
+unsigned int PKEY_PUBKEY_GetBufLenFromECDSAKey(EVP_PKEY * /*key*/, int /*ssh2*/) noexcept {
+    return 0;
+}
 
 unsigned int PKEY_PUBKEY_FillKeyToBufReserve(EVP_PKEY * /*key*/, unsigned char * /*buf*/,
                                              unsigned int * /*written*/) noexcept {
     return PKEY_ERR_FAILED;
 }
 
-unsigned int PKEY_PUBKEY_FillRSAKeyToBuf(EVP_PKEY *key, unsigned char *buf, unsigned int *written) noexcept {
+unsigned int PKEY_PUBKEY_FillRSAKeyToBuf(EVP_PKEY *key, unsigned char *buf,
+                                         unsigned int *written) noexcept {
     return fill_blob(key, kSshRsa, kRsaBlobOrder, kRsaSlack, buf, written);
 }
 
-unsigned int PKEY_PUBKEY_FillDSAKeyToBuf(EVP_PKEY *key, unsigned char *buf, unsigned int *written) noexcept {
+unsigned int PKEY_PUBKEY_FillDSAKeyToBuf(EVP_PKEY *key, unsigned char *buf,
+                                         unsigned int *written) noexcept {
     return fill_blob(key, kSshDss, kDsaBlobOrder, kDsaSlack, buf, written);
 }
 
@@ -360,7 +366,8 @@ unsigned int PKEY_PUBKEY_FillECDSAKeyToBuf(EVP_PKEY * /*key*/, unsigned char * /
     return PKEY_ERR_FAILED;
 }
 
-void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) noexcept {
+void PKEY_PUBKEY_FillBNToBuf(const BIGNUM *bn, unsigned char **cursor,
+                             unsigned int *total) noexcept {
     if (bn == nullptr || cursor == nullptr || *cursor == nullptr || total == nullptr) return;
     ByteWriter out(*cursor, kLengthField + 1 + static_cast<std::size_t>(BN_num_bytes(bn)));
     if (!put_mpint(out, bn)) return;

@@ -108,8 +108,8 @@ unsigned int PKEY_PUBKEY_GetMinKeyBitsByEvpAgl(unsigned int evpType) noexcept {
 unsigned int PKEY_PUBKEY_GetKeyBits(const EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;
     switch (EVP_PKEY_get_id(key)) {
-        case EVP_PKEY_RSA:  // bits of the modulus n
-        case EVP_PKEY_DSA:  // bits of the prime p
+        case EVP_PKEY_RSA:   // bits of the modulus n
+        case EVP_PKEY_DSA:   // bits of the prime p
         case EVP_PKEY_EC: {  // bits of the curve order
             const int bits = EVP_PKEY_get_bits(key);
             return bits > 0 ? static_cast<unsigned int>(bits) : 0;
@@ -118,7 +118,9 @@ unsigned int PKEY_PUBKEY_GetKeyBits(const EVP_PKEY *key) noexcept {
     }
 }
 
-unsigned int PKEY_PUBKEY_GetPubKeySize(const EVP_PKEY *key) noexcept { return PKEY_PUBKEY_GetKeyBits(key); }
+unsigned int PKEY_PUBKEY_GetPubKeySize(const EVP_PKEY *key) noexcept {
+    return PKEY_PUBKEY_GetKeyBits(key);
+}
 
 int PKEY_PUBKEY_IsKeyLenValid(const EVP_PKEY *key) noexcept {
     if (key == nullptr) return 0;

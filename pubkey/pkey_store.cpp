@@ -15,12 +15,12 @@
 #include <cstdint>
 #include <span>
 
+#include "pkey_der.hpp"
 #include "pkey_der_reader.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_record.hpp"
 #include "pkey_util.hpp"
-#include "pkey_der.hpp"
 
 namespace {
 
@@ -48,13 +48,13 @@ unsigned int write_ecdsa_payload(EVP_PKEY *key, std::span<unsigned char> payload
 const GetStoreLenFn g_apfPKEYGetAlgStoreLen[4] = {
     PKEY_PUBKEY_GetStoreLenFromEvpReserve, PKEY_PUBKEY_GetRSAStoreLenFromEvp,
     PKEY_PUBKEY_GetDSAStoreLenFromEvp, PKEY_PUBKEY_GetECDSAStoreLenFromEvp};
-const WritePayloadFn g_apfPKEYConvertKeyToStoreBuf[4] = {
-    write_reserve_payload, write_rsa_payload, write_dsa_payload, write_ecdsa_payload};
+const WritePayloadFn g_apfPKEYConvertKeyToStoreBuf[4] = {write_reserve_payload, write_rsa_payload,
+                                                         write_dsa_payload, write_ecdsa_payload};
 
 // Components in record order.
 constexpr const char *kRsaComponents[] = {
-    OSSL_PKEY_PARAM_RSA_N,         OSSL_PKEY_PARAM_RSA_E,         OSSL_PKEY_PARAM_RSA_D,
-    OSSL_PKEY_PARAM_RSA_FACTOR1,   OSSL_PKEY_PARAM_RSA_FACTOR2,   OSSL_PKEY_PARAM_RSA_EXPONENT1,
+    OSSL_PKEY_PARAM_RSA_N,         OSSL_PKEY_PARAM_RSA_E,           OSSL_PKEY_PARAM_RSA_D,
+    OSSL_PKEY_PARAM_RSA_FACTOR1,   OSSL_PKEY_PARAM_RSA_FACTOR2,     OSSL_PKEY_PARAM_RSA_EXPONENT1,
     OSSL_PKEY_PARAM_RSA_EXPONENT2, OSSL_PKEY_PARAM_RSA_COEFFICIENT1};
 constexpr const char *kDsaComponents[] = {OSSL_PKEY_PARAM_FFC_P, OSSL_PKEY_PARAM_FFC_Q,
                                           OSSL_PKEY_PARAM_FFC_G, OSSL_PKEY_PARAM_PUB_KEY,
@@ -106,8 +106,8 @@ bool put_component(ByteWriter &out, const BIGNUM *bn) noexcept {
     return true;
 }
 
-unsigned int write_components(EVP_PKEY *key, ComponentNames names,
-                              std::span<unsigned char> payload, unsigned int *written) noexcept {
+unsigned int write_components(EVP_PKEY *key, ComponentNames names, std::span<unsigned char> payload,
+                              unsigned int *written) noexcept {
     if (key == nullptr || written == nullptr || payload.data() == nullptr) return PKEY_ERR_FAILED;
     const KeyComponents components(key, names);
     ByteWriter out(payload.data(), payload.size());
@@ -144,7 +144,8 @@ unsigned int write_ecdsa_payload(EVP_PKEY *key, std::span<unsigned char> payload
 // The room of an exported payload writer's buffer: by its contract, the row's
 // bound for the same key.
 std::span<unsigned char> contract_room(unsigned char *payload, unsigned int bound) noexcept {
-    return payload != nullptr ? std::span<unsigned char>(payload, bound) : std::span<unsigned char>();
+    return payload != nullptr ? std::span<unsigned char>(payload, bound)
+                              : std::span<unsigned char>();
 }
 
 // One length-prefixed component, kept in wiped memory. Null when nothing is
@@ -191,7 +192,8 @@ unsigned char *PKEY_PutLenToBuf(unsigned int len, unsigned char **cursor) noexce
     return *cursor;
 }
 
-const unsigned char *PKEY_GetLengthFromData(const unsigned char *data, unsigned int *lenOut) noexcept {
+const unsigned char *PKEY_GetLengthFromData(const unsigned char *data,
+                                            unsigned int *lenOut) noexcept {
     if (data == nullptr || lenOut == nullptr) return nullptr;
     *lenOut = pkey::load_be32(data);
     return data + kLengthPrefix;
@@ -238,7 +240,8 @@ unsigned int PKEY_PUBKEY_ConvertECDSAKeyToStoreBuf(EVP_PKEY *key, unsigned int *
         key, contract_room(payload, PKEY_PUBKEY_GetECDSAStoreLenFromEvp(key)), written);
 }
 
-void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor, unsigned int *total) noexcept {
+void PKEY_PUBKEY_FillBN2StoreBuf(const BIGNUM *bn, unsigned char **cursor,
+                                 unsigned int *total) noexcept {
     if (bn == nullptr || cursor == nullptr || *cursor == nullptr || total == nullptr) return;
     ByteWriter out(*cursor, kLengthPrefix + static_cast<std::size_t>(BN_num_bytes(bn)));
     if (!put_component(out, bn)) return;

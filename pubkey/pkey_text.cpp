@@ -5,8 +5,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "pkey_pubkey.h"
 #include "pkey_hex.hpp"
+#include "pkey_pubkey.h"
 
 extern "C" {
 

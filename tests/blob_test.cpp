@@ -39,7 +39,8 @@ EvpPkeyPtr from_b64(const std::string &text) {
 }
 EvpPkeyPtr read_ec(const Bytes &tail) {
     // Exactly the bytes given, so an over-read is caught by AddressSanitizer.
-    pkey::MallocPtr<> exact(static_cast<unsigned char *>(std::calloc(std::max<size_t>(tail.size(), 1), 1)));
+    pkey::MallocPtr<> exact(
+        static_cast<unsigned char *>(std::calloc(std::max<size_t>(tail.size(), 1), 1)));
     if (!tail.empty()) std::memcpy(exact.get(), tail.data(), tail.size());
     return EvpPkeyPtr(PKEY_ReadECDSAPubKey(exact.get(), static_cast<unsigned int>(tail.size())));
 }
@@ -70,9 +71,10 @@ protected:
 
 TEST_F(BlobTest, AgreesWithSshKeygenBothWays) {
     const std::pair<const char *, const char *> samples[] = {
-        {"rsa1024", "ssh-rsa"}, {"rsa2048", "ssh-rsa"}, {"dsa1024", "ssh-dss"},
-        {"p192", "ecdsa-sha2-nistp192"}, {"p256", "ecdsa-sha2-nistp256"},
-        {"p384", "ecdsa-sha2-nistp384"}, {"p521", "ecdsa-sha2-nistp521"}};
+        {"rsa1024", "ssh-rsa"},          {"rsa2048", "ssh-rsa"},
+        {"dsa1024", "ssh-dss"},          {"p192", "ecdsa-sha2-nistp192"},
+        {"p256", "ecdsa-sha2-nistp256"}, {"p384", "ecdsa-sha2-nistp384"},
+        {"p521", "ecdsa-sha2-nistp521"}};
     for (const auto &[name, ssh_type] : samples) {
         SCOPED_TRACE(name);
         ASSERT_NE(key(name), nullptr);
@@ -102,8 +104,8 @@ TEST_F(BlobTest, Ssh1FormIsRsaOnly) {
     EXPECT_EQ(text, "65537 " + take(BN_bn2dec(mod)));
     BN_free(mod);
     EXPECT_EQ(n, text.size());
-    for (auto [k, ssh2, out] : {std::tuple{key("dsa1024"), 0, &n}, {nullptr, 1, &n},
-                                {key("rsa1024"), 1, nullptr}})
+    for (auto [k, ssh2, out] :
+         {std::tuple{key("dsa1024"), 0, &n}, {nullptr, 1, &n}, {key("rsa1024"), 1, nullptr}})
         EXPECT_EQ(PKEY_PUBKEY_EvppkeyToBase64(k, ssh2, out), nullptr);
 }
 
@@ -186,8 +188,7 @@ TEST_F(BlobTest, EcReaderReadsThePartOfAPointCutShortAsZeros) {
     for (int missing = 1; missing <= 5; ++missing)
         EXPECT_EQ(read_ec(ec_tail("nistp256", Bytes(point.begin(), point.end() - missing), 65)),
                   nullptr);
-    EXPECT_NE(read_ec(ec_tail("nistp256", Bytes(zeroEnd.begin(), zeroEnd.end() - 1), 65)),
-              nullptr);
+    EXPECT_NE(read_ec(ec_tail("nistp256", Bytes(zeroEnd.begin(), zeroEnd.end() - 1), 65)), nullptr);
 }
 
 TEST_F(BlobTest, EcWriterNeedsOneOfTheFourCurves) {
@@ -205,9 +206,9 @@ TEST_F(BlobTest, StrictBlobCheckReadsKeyBuffersAsOpenSshDoes) {
         return PKEY_PUBKEY_IsBase64BlobStrict(text.c_str(), type);
     };
     const std::pair<const char *, const char *> made[] = {
-        {"rsa1024", "ssh-rsa"}, {"rsa2048", "ssh-rsa"}, {"dsa1024", "ssh-dss"},
-        {"p256", "ecdsa-sha2-nistp256"}, {"p384", "ecdsa-sha2-nistp384"},
-        {"p521", "ecdsa-sha2-nistp521"}};
+        {"rsa1024", "ssh-rsa"},          {"rsa2048", "ssh-rsa"},
+        {"dsa1024", "ssh-dss"},          {"p256", "ecdsa-sha2-nistp256"},
+        {"p384", "ecdsa-sha2-nistp384"}, {"p521", "ecdsa-sha2-nistp521"}};
     for (const auto &[name, type] : made) {
         const std::string line = pkey::test::ssh_keygen_public(key(name), store.root());
         ASSERT_EQ(line.substr(0, line.find(' ')), type) << name;
@@ -270,15 +271,40 @@ TEST_F(BlobTest, StrictBlobCheckReadsKeyBuffersAsOpenSshDoes) {
         {"curve unlike its type", ec_blob("ecdsa-sha2-nistp384", "nistp256", point), 0},
         {"curve unknown", ec_blob("ecdsa-sha2-nistp224", "nistp224", point), 0},
         {"compressed point", ec_blob("ecdsa-sha2-nistp256", "nistp256", compressed), 0},
-        {"point off the curve", ec_blob("ecdsa-sha2-nistp256", "nistp256",
-                                        [&] { Bytes b = point; b[64] ^= 1; return b; }()), 0},
+        {"point off the curve",
+         ec_blob("ecdsa-sha2-nistp256", "nistp256",
+                 [&] {
+                     Bytes b = point;
+                     b[64] ^= 1;
+                     return b;
+                 }()),
+         0},
         {"not Base64", rsa_blob(e, with_zeros(1)) + "\n", 0},
         {"padding in mid-text", b64({rsa[0]}) + b64(Bytes(rsa.begin() + 1, rsa.end())), 0},
-        {"n of 16384 bits", rsa_blob(e, [] { Bytes v(2049, 0xAB); v[0] = 0; return v; }()), 1},
-        {"n of 16392 bits", rsa_blob(e, [] { Bytes v(2050, 0xAB); v[0] = 0; return v; }()), 0},
-        {"zeros beyond OpenSSH's length", rsa_blob(e, [&] { Bytes v(2050 - n_magnitude.size(), 0);
-                                                            v.insert(v.end(), n_magnitude.begin(), n_magnitude.end());
-                                                            return v; }()), 0},
+        {"n of 16384 bits",
+         rsa_blob(e,
+                  [] {
+                      Bytes v(2049, 0xAB);
+                      v[0] = 0;
+                      return v;
+                  }()),
+         1},
+        {"n of 16392 bits",
+         rsa_blob(e,
+                  [] {
+                      Bytes v(2050, 0xAB);
+                      v[0] = 0;
+                      return v;
+                  }()),
+         0},
+        {"zeros beyond OpenSSH's length",
+         rsa_blob(e,
+                  [&] {
+                      Bytes v(2050 - n_magnitude.size(), 0);
+                      v.insert(v.end(), n_magnitude.begin(), n_magnitude.end());
+                      return v;
+                  }()),
+         0},
         {"empty", "", 0},
     };
     for (const Row &r : rows) EXPECT_EQ(strict(r.text), r.strict) << r.what;
@@ -286,9 +312,9 @@ TEST_F(BlobTest, StrictBlobCheckReadsKeyBuffersAsOpenSshDoes) {
     // The lenient reader takes both: leading zeros as the same key, and a curve
     // unlike its type as the curve says, whatever the type name.
     EXPECT_EQ(EVP_PKEY_eq(from_b64(rsa_blob(padded_e, with_zeros(3))).get(), key("rsa1024")), 1);
-    EXPECT_EQ(EVP_PKEY_eq(from_b64(ec_blob("ecdsa-sha2-nistp384", "nistp256", point)).get(),
-                          key("p256")),
-              1);
+    EXPECT_EQ(
+        EVP_PKEY_eq(from_b64(ec_blob("ecdsa-sha2-nistp384", "nistp256", point)).get(), key("p256")),
+        1);
 }
 
 TEST_F(BlobTest, CmpPubKeyComparesPublicValues) {

@@ -7,8 +7,8 @@
 #include <random>
 #include <vector>
 
-#include "pkey_util.hpp"
 #include "pkey_der.hpp"
+#include "pkey_util.hpp"
 #include "test_keys.hpp"
 
 namespace {
@@ -63,8 +63,8 @@ void expect_same_private(const Bytes &der, const std::string &what) {
 const std::vector<EVP_PKEY *> &keys() {
     static const std::vector<EVP_PKEY *> all = [] {
         std::vector<EVP_PKEY *> k;
-        for (const char *name : {"rsa1024", "rsa2048", "dsa1024", "p192", "p224", "p256", "p384",
-                                 "p521"})
+        for (const char *name :
+             {"rsa1024", "rsa2048", "dsa1024", "p192", "p224", "p256", "p384", "p521"})
             k.push_back(pkey::test::test_key(name));
         static const EvpPkeyPtr k1(EVP_EC_gen("secp256k1")),
             ed(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
@@ -98,8 +98,10 @@ TEST(DerTest, NonCanonicalFormsGiveOpenSslsAnswer) {
     EXPECT_FALSE(pkey::der::decode_public_key(trailing).canonical);
     // A compressed point.
     EvpPkeyPtr compressed(EVP_PKEY_dup(keys()[5]));
-    ASSERT_EQ(EVP_PKEY_set_utf8_string_param(compressed.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT,
-                                             OSSL_PKEY_EC_POINT_CONVERSION_FORMAT_COMPRESSED), 1);
+    ASSERT_EQ(
+        EVP_PKEY_set_utf8_string_param(compressed.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT,
+                                       OSSL_PKEY_EC_POINT_CONVERSION_FORMAT_COMPRESSED),
+        1);
     expect_same_public(public_der(compressed.get()), "compressed point");
     // A point off the curve: both refuse.
     Bytes off_curve = p256;
@@ -107,7 +109,8 @@ TEST(DerTest, NonCanonicalFormsGiveOpenSslsAnswer) {
     expect_same_public(off_curve, "point off the curve");
     // Cut short at every length.
     for (std::size_t n = 0; n < p256.size(); ++n)
-        expect_same_public(Bytes(p256.begin(), p256.begin() + static_cast<long>(n)), "cut at " + std::to_string(n));
+        expect_same_public(Bytes(p256.begin(), p256.begin() + static_cast<long>(n)),
+                           "cut at " + std::to_string(n));
 }
 
 TEST(DerTest, RandomDamageNeverMakesTheDecodersDisagree) {

@@ -57,8 +57,7 @@ TEST_F(DirReadFailure, CopyAndRemoveOfAKeyDirectoryFail) {
 
 TEST_F(DirReadFailure, EnumerationEndsWithErrnoSet) {
     EVP_PKEY *key = pkey::test::test_key("rsa1024");
-    for (const char *name : {"k1", "k2", "k3"})
-        ASSERT_EQ(PKEY_SaveLocalKey(name, key), 0) << name;
+    for (const char *name : {"k1", "k2", "k3"}) ASSERT_EQ(PKEY_SaveLocalKey(name, key), 0) << name;
     const auto walk = [](int fail_at) {
         PKEY_LOCAL_NEXT_HANDLE_S *h = PKEY_LOCAL_GetNextInit(PKEY_ALG_RSA);
         PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetFirst(h);

@@ -47,8 +47,9 @@ std::map<std::string, bool> enumerate(unsigned int alg, std::vector<std::string>
     PKEY_LOCAL_KEY_INFO_S *info = PKEY_LOCAL_GetFirst(h);
     while (info != nullptr) {
         const bool has_key = (info->uiFlags & PKEY_INFO_HAS_KEY) != 0;
-        const std::string name = has_key ? info->szName : std::string("-") +
-            (info->pstPosition ? info->pstPosition->d_name : "");
+        const std::string name =
+            has_key ? info->szName
+                    : std::string("-") + (info->pstPosition ? info->pstPosition->d_name : "");
         if (order != nullptr) order->push_back(name);
         seen[name] = has_key;
         PKEY_LOCAL_KEY_INFO_S *next = PKEY_LOCAL_GetNext(h, info);
@@ -162,7 +163,8 @@ TEST_F(LocalKeysTest, ExportsCarryThePublicLineSshKeygenDerives) {
         const std::string reference = pkey::test::ssh_keygen_public(key, store.root());
         ASSERT_NE(reference, "") << name;
         EXPECT_EQ(text_of(alg, PKEY_EXPORT_OPENSSH, name).substr(0, reference.size() + 1),
-                  reference + " ") << name;
+                  reference + " ")
+            << name;
         const std::string body = reference.substr(reference.find(' ') + 1);
         EXPECT_TRUE(text_of(alg, PKEY_EXPORT_SSH2, name)
                         .ends_with("\"\r\n" + body + "\r\n---- END SSH2 PUBLIC KEY ----\r\n"))

@@ -113,8 +113,11 @@ TEST_F(FsFileTest, SymlinksInPlaceOfKeyFilesAreNeverFollowed) {
 
 TEST_F(FsFileTest, ExistenceTellsFilesFromDirectoriesAndRemovingAMissingFileSucceeds) {
     put(path("f"), "x");
-    const std::tuple<std::string, int, int> cases[] = {  // path, is a file, is a directory
-        {path("f"), 1, 0}, {store.root(), 0, 1}, {store.root() + "/", 0, 1}, {path("none"), 0, 0}};
+    const std::tuple<std::string, int, int> cases[] = {// path, is a file, is a directory
+                                                       {path("f"), 1, 0},
+                                                       {store.root(), 0, 1},
+                                                       {store.root() + "/", 0, 1},
+                                                       {path("none"), 0, 0}};
     for (const auto &[p, file, dir] : cases) {
         EXPECT_EQ(PKEY_FS_IsFileExisted(p.c_str()), file) << p;
         EXPECT_EQ(PKEY_FS_IsDirExisted(p.c_str()), dir) << p;

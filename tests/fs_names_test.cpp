@@ -40,22 +40,25 @@ TEST_F(FsNamesTest, FullNamesFollowAlgorithmKindNodeAndName) {
     const auto dev = PKEY_FS_MakeDevFilePrefix, mem = PKEY_FS_MakeMemFilePrefix;
     const std::string w1 = store.work_dir(1), w2 = store.work_dir(2), w3 = store.work_dir(3);
     const std::string m1 = store.mem_dir(1) + "/pkey", m2 = store.mem_dir(2) + "/pkey";
-    const struct { unsigned int alg, kind, node; const char *name; PKEY_FS_PREFIX_FN prefix;
-                   std::string want; } rows[] = {
-        {1, PKEY_KEY_HOST, 1, "", dev, w1 + "/hostkey"},
-        {1, PKEY_KEY_HOST, 1, "", mem, m1 + "/hostkey"},
-        {2, PKEY_KEY_HOST, 3, "", dev, w3 + "/dsakey"},
-        {3, PKEY_KEY_HOST, 3, "", mem, store.mem_dir(3) + "/pkey/ecdsakey"},
-        {1, PKEY_KEY_SERVER, 1, "", dev, w1 + "/serverkey"},
-        {2, PKEY_KEY_SERVER, 1, "", dev, w1 + "/serverkey"},
-        {3, PKEY_KEY_SERVER, 1, "", mem, m1 + "/serverkey"},
-        {1, 7, 1, "", dev, w1 + "/"},  // any other kind without a name: the separator alone
-        {3, PKEY_KEY_HOST, 1, "abc", dev, w1 + "/pkey/ecdsa/abc.key"},
-        {1, PKEY_KEY_SERVER, 2, "k1", mem, m2 + "/rsa/k1.key"},
-        {0, PKEY_KEY_PUBLIC, 1, "peer", dev, w1 + "/pkey/publickey/peer"},
-        {3, PKEY_KEY_PUBLIC, 1, "peer", dev, w1 + "/pkey/publickey/peer"},
-        {0, PKEY_KEY_HOST, 1, "x", dev, w1 + "x.key"},  // the reserved row has no directory
-        {1, PKEY_KEY_HOST, 0x10002, "", dev, w2 + "/hostkey"}};
+    const struct {
+        unsigned int alg, kind, node;
+        const char *name;
+        PKEY_FS_PREFIX_FN prefix;
+        std::string want;
+    } rows[] = {{1, PKEY_KEY_HOST, 1, "", dev, w1 + "/hostkey"},
+                {1, PKEY_KEY_HOST, 1, "", mem, m1 + "/hostkey"},
+                {2, PKEY_KEY_HOST, 3, "", dev, w3 + "/dsakey"},
+                {3, PKEY_KEY_HOST, 3, "", mem, store.mem_dir(3) + "/pkey/ecdsakey"},
+                {1, PKEY_KEY_SERVER, 1, "", dev, w1 + "/serverkey"},
+                {2, PKEY_KEY_SERVER, 1, "", dev, w1 + "/serverkey"},
+                {3, PKEY_KEY_SERVER, 1, "", mem, m1 + "/serverkey"},
+                {1, 7, 1, "", dev, w1 + "/"},  // any other kind without a name: the separator alone
+                {3, PKEY_KEY_HOST, 1, "abc", dev, w1 + "/pkey/ecdsa/abc.key"},
+                {1, PKEY_KEY_SERVER, 2, "k1", mem, m2 + "/rsa/k1.key"},
+                {0, PKEY_KEY_PUBLIC, 1, "peer", dev, w1 + "/pkey/publickey/peer"},
+                {3, PKEY_KEY_PUBLIC, 1, "peer", dev, w1 + "/pkey/publickey/peer"},
+                {0, PKEY_KEY_HOST, 1, "x", dev, w1 + "x.key"},  // the reserved row has no directory
+                {1, PKEY_KEY_HOST, 0x10002, "", dev, w2 + "/hostkey"}};
     for (const auto &r : rows)
         EXPECT_EQ(full(r.alg, r.kind, r.node, r.name, r.prefix), r.want) << r.want;
     int appended = 0;
@@ -72,8 +75,8 @@ TEST_F(FsNamesTest, FullNamesFollowAlgorithmKindNodeAndName) {
 TEST_F(FsNamesTest, LongNamesAreCutAt511Characters) {
     const std::string name(600, 'n'), work = store.work_dir(1);
     int appended = 0;
-    const std::string path = full(1, PKEY_KEY_HOST, 1, name.c_str(), PKEY_FS_MakeDevFilePrefix,
-                                  &appended);
+    const std::string path =
+        full(1, PKEY_KEY_HOST, 1, name.c_str(), PKEY_FS_MakeDevFilePrefix, &appended);
     EXPECT_EQ(path.size(), PKEY_PATH_LEN - 1);
     EXPECT_EQ(path.substr(0, work.size() + 10), work + "/pkey/rsa/");
     EXPECT_EQ(static_cast<size_t>(appended), PKEY_PATH_LEN - 1 - work.size());

@@ -1,12 +1,11 @@
 // The Linux host platform: store paths, file-name analysis, shared settings,
 // the key-file cipher and the configuration database.
 #include <gtest/gtest.h>
+#include <openssl/sha.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <openssl/sha.h>
 
 #include <bit>
 #include <cstring>
@@ -58,7 +57,7 @@ int run_children(int n, const std::function<int(int)> &body) {
 }
 
 // The part must appear in this thread's HOST_LastError.
-#define EXPECT_ERROR_HAS(part)                                         \
+#define EXPECT_ERROR_HAS(part)                                             \
     EXPECT_NE(std::string(HOST_LastError()).find(part), std::string::npos) \
         << "HOST_LastError: " << HOST_LastError()
 
@@ -147,35 +146,43 @@ TEST_F(HostPathsTest, AnalysisFindsSlotDirAndFileThroughDotsAndSymlinksAndRefuse
     // Links: to the work directory, to a file in it, to a missing file, relative, node 4's
     // flash directory leading somewhere else, and a loop.
     for (const auto &[to, from] : {std::pair<std::string, std::string>{w1, r + "/link"},
-                                   {w1 + "/hostkey", r + "/hk"}, {w1 + "/dsakey", r + "/dangling"},
+                                   {w1 + "/hostkey", r + "/hk"},
+                                   {w1 + "/dsakey", r + "/dangling"},
                                    {"../node1/flash/pkey", r + "/x/rel"},
                                    {r + "/elsewhere", flash_dir(store, 4)},
-                                   {r + "/loop-b", r + "/loop-a"}, {r + "/loop-a", r + "/loop-b"}})
+                                   {r + "/loop-b", r + "/loop-a"},
+                                   {r + "/loop-a", r + "/loop-b"}})
         fs::create_symlink(to, from);
     HOST_SetSelfNode(2);
     const std::pair<std::string, std::string> cases[] = {
-        {"flash:/pkey/rsa/a.key", "0/2 flash:pkey/rsa|a.key"}, {"flash:", "0/2 flash:|"},
+        {"flash:/pkey/rsa/a.key", "0/2 flash:pkey/rsa|a.key"},
+        {"flash:", "0/2 flash:|"},
         {"slot3#FLASH:/HostKey", "0/3 flash:|HostKey"},  // only the device is lower-cased
-        {"flash://pkey//./x", "0/2 flash:pkey|x"}, {"cfcard:/a/b", "0/2 cfcard:a|b"},
-        {w1 + "/pkey/", "0/1 flash:pkey|"}, {r + "//node1///flash/./pkey//x", "0/1 flash:pkey|x"},
+        {"flash://pkey//./x", "0/2 flash:pkey|x"},
+        {"cfcard:/a/b", "0/2 cfcard:a|b"},
+        {w1 + "/pkey/", "0/1 flash:pkey|"},
+        {r + "//node1///flash/./pkey//x", "0/1 flash:pkey|x"},
         // ".." in a part that does not exist is resolved on the text, else by the file system.
         {w1 + "/nothere/../hostkey", "0/1 flash:|hostkey"},
         {w1 + "/a/b/../../hostkey", "0/1 flash:|hostkey"},
         {w1 + "/a/../../flash/pkey/k", "0/1 flash:pkey|k"},
-        {r + "/link/pkey/rsa/k.key", "0/1 flash:pkey/rsa|k.key"}, {r + "/hk", "0/1 flash:|hostkey"},
+        {r + "/link/pkey/rsa/k.key", "0/1 flash:pkey/rsa|k.key"},
+        {r + "/hk", "0/1 flash:|hostkey"},
         {r + "/dangling", "0/1 flash:|dsakey"},  // writing through it would make the key file
         {r + "/x/rel/rsa/k", "0/1 flash:pkey/rsa|k"},
         {r + "/x/rel/../hostkey", "0/1 flash:|hostkey"},  // ".." from where the link leads
         {r + "/elsewhere/pkey/k", "0/4 flash:pkey|k"}};
     for (const auto &[name, want] : cases) EXPECT_EQ(analyse(name), want) << name;
-    const std::string refused[] = {"pkey/hostkey", "", r + "/loop-a/x",
+    const std::string refused[] = {"pkey/hostkey",
+                                   "",
+                                   r + "/loop-a/x",
                                    "flash:/" + std::string(FS_FILE_NAME_LEN, 'f'),
                                    "flash:/" + std::string(FS_DIR_NAME_LEN, 'd') + "/f",
                                    std::string(FS_DEVICE_NAME_LEN, 'd') + ":/f"};
     for (const std::string &name : refused) EXPECT_EQ(analyse(name), "refused") << name;
     // Other absolute paths are on the host file system.
-    for (const std::string &name : {r + "/other/z", r + "/node1/flashy/z", run_dir(store, 1) + "/z",
-                                    r + "/node01/flash/z"})
+    for (const std::string &name :
+         {r + "/other/z", r + "/node1/flashy/z", run_dir(store, 1) + "/z", r + "/node01/flash/z"})
         EXPECT_EQ(analyse(name), "65535/65535 :" + name.substr(1, name.size() - 3) + "|z");
 }
 
@@ -188,7 +195,6 @@ TEST_F(HostPathsTest, FullFileNamesAreDeviceOrAbsoluteNamesOnly) {
     EXPECT_EQ(FS_IsValidFullFileName(("/" + std::string(510, 'a')).c_str(), 0, 0, 0), 0);
     EXPECT_NE(FS_IsValidFullFileName(("/" + std::string(511, 'a')).c_str(), 0, 0, 0), 0);
 }
-
 
 // The store's own files are out of reach of user file operations through
 // every spelling: "..", "//", symlinked directories, device form, hard links.
@@ -213,18 +219,17 @@ TEST_F(HostGuardTest, NamesLandingOnTheStoresOwnFilesAreRefusedAndUserFilesAllow
     fs::create_hard_link(o + "/a", o + "/b");  // linked, but no file of the store
 
     const std::string refused[] = {
-        r, r + "/", r + "/.", o + "/store",
-        r + "/device.key", r + "/.device.key.Ab12Cd", r + "/device.key.old", r + "/settings",
-        r + "/.settings.Xy12Zz", r + "/db", r + "/db/PKEY.db", r + "/db/PKEY.db-wal", r + "/db/x/y",
-        r + "/node1", r + "/node1/flash", r + "/node1/run", r + "/node7", r + "/node7/flash/pkey/x",
-        w1 + "/pkey", w1 + "/PKEY/rsa/a.key", w1 + "/pkey/rsa/new.key", w1 + "/HostKey",
-        w1 + "/serverkey", w1 + "/DSAKEY", w1 + "/ecdsakey", m1 + "/pkey", m1 + "/pkey/rsa/a.key",
+        r, r + "/", r + "/.", o + "/store", r + "/device.key", r + "/.device.key.Ab12Cd",
+        r + "/device.key.old", r + "/settings", r + "/.settings.Xy12Zz", r + "/db",
+        r + "/db/PKEY.db", r + "/db/PKEY.db-wal", r + "/db/x/y", r + "/node1", r + "/node1/flash",
+        r + "/node1/run", r + "/node7", r + "/node7/flash/pkey/x", w1 + "/pkey",
+        w1 + "/PKEY/rsa/a.key", w1 + "/pkey/rsa/new.key", w1 + "/HostKey", w1 + "/serverkey",
+        w1 + "/DSAKEY", w1 + "/ecdsakey", m1 + "/pkey", m1 + "/pkey/rsa/a.key",
         r + "/node2/flash/pkey/x", r + "/node2/flash/hostkey",  // another node's
         // Other spellings of the same places.
         w1 + "/sub/../pkey/x", r + "/other/../device.key", r + "//node1/./flash//pkey/x",
-        o + "/store/device.key", o + "/store/node1/flash/pkey/rsa/a.key",
-        w1 + "/lnk", w1 + "/dangling", r + "/elsewhere4", r + "/elsewhere4/pkey/x",
-        r + "/node4/flash/hostkey",
+        o + "/store/device.key", o + "/store/node1/flash/pkey/rsa/a.key", w1 + "/lnk",
+        w1 + "/dangling", r + "/elsewhere4", r + "/elsewhere4/pkey/x", r + "/node4/flash/hostkey",
         "flash:/pkey/rsa/a.key", "flash:", "flash:/", "FLASH:/Pkey/x", "slot2#flash:/hostkey",
         "slot7#flash:/pkey/x", "flash:/lnk", "flash:/a/../../pkey/x", "flash:/../hostkey",
         "slot4#flash:/pkey/x",
@@ -233,12 +238,23 @@ TEST_F(HostGuardTest, NamesLandingOnTheStoresOwnFilesAreRefusedAndUserFilesAllow
     for (const std::string &name : refused)
         EXPECT_EQ(FS_IsValidFullFileName(name.c_str(), 0, 0, 0), kFsErrStore) << name;
 
-    const std::string allowed[] = {
-        "flash:/backup.pub", "flash:/sub/hostkey", "flash:/pkeys/a", "slot2#flash:/notes.txt",
-        "cfcard:/pkey/x", w1 + "/notes.txt", w1 + "/sub/hostkey", w1 + "/hostkey.bak",
-        m1 + "/other", r + "/node1/notes", r + "/other/x", r + "/node01/flash/pkey/x",
-        r + "/hostkey", r + "/elsewhere4/notes", o + "/a", o + "/store/node1/flash/ok.txt",
-        o + "/new.pub"};
+    const std::string allowed[] = {"flash:/backup.pub",
+                                   "flash:/sub/hostkey",
+                                   "flash:/pkeys/a",
+                                   "slot2#flash:/notes.txt",
+                                   "cfcard:/pkey/x",
+                                   w1 + "/notes.txt",
+                                   w1 + "/sub/hostkey",
+                                   w1 + "/hostkey.bak",
+                                   m1 + "/other",
+                                   r + "/node1/notes",
+                                   r + "/other/x",
+                                   r + "/node01/flash/pkey/x",
+                                   r + "/hostkey",
+                                   r + "/elsewhere4/notes",
+                                   o + "/a",
+                                   o + "/store/node1/flash/ok.txt",
+                                   o + "/new.pub"};
     for (const std::string &name : allowed)
         EXPECT_EQ(FS_IsValidFullFileName(name.c_str(), 0, 0, 0), 0) << name;
     DBM_Close(h);
@@ -264,16 +280,18 @@ TEST_F(HostSettingsTest, SettingsArePrivateToTheStoreAndSeenByOtherProcessesAtOn
     Nodes many(70);
     std::iota(many.begin(), many.end(), 100);
     ASSERT_EQ(CRYPTO_FIPSIsEnabled(), 0);  // read before the child writes: nothing may be cached
-    ASSERT_EQ(run_children(1, [&](int) {
-                  HOST_SetFipsMode(1);
-                  HOST_SetStandbyNodes(many.data(), static_cast<unsigned int>(many.size()));
-                  HOST_SetNodeStatus(3, 2);
-                  HOST_SetNodeStatus(4, 6);
-                  HOST_SetNodeStatus(3, 7);
-                  HOST_SetMemAlarm(1);
-                  HOST_SetSelfNode(4);
-                  return 0;
-              }),
+    ASSERT_EQ(run_children(1,
+                           [&](int) {
+                               HOST_SetFipsMode(1);
+                               HOST_SetStandbyNodes(many.data(),
+                                                    static_cast<unsigned int>(many.size()));
+                               HOST_SetNodeStatus(3, 2);
+                               HOST_SetNodeStatus(4, 6);
+                               HOST_SetNodeStatus(3, 7);
+                               HOST_SetMemAlarm(1);
+                               HOST_SetSelfNode(4);
+                               return 0;
+                           }),
               1);
     EXPECT_EQ(CRYPTO_FIPSIsEnabled(), 1);
     EXPECT_EQ(standby_nodes(), Nodes(many.begin(), many.begin() + 64));  // at most 64 are kept
@@ -292,19 +310,21 @@ TEST_F(HostSettingsTest, SettingsArePrivateToTheStoreAndSeenByOtherProcessesAtOn
 
 TEST_F(HostSettingsTest, StandbyListIsNeverSeenHalfWritten) {
     const Nodes long_list(64, 7), short_list(10, 9);
-    EXPECT_EQ(run_children(2, [&](int writer) {
-                  for (int i = 0; i < 3000; ++i) {
-                      if (writer) {
-                          HOST_SetStandbyNodes(long_list.data(), 64);
-                          HOST_SetStandbyNodes(short_list.data(), 10);
-                      } else if (const Nodes seen = standby_nodes();
-                                 !seen.empty() && seen != long_list && seen != short_list) {
-                          return 1;
-                      }
-                  }
-                  return 0;
-              }),
-              2);
+    EXPECT_EQ(
+        run_children(2,
+                     [&](int writer) {
+                         for (int i = 0; i < 3000; ++i) {
+                             if (writer) {
+                                 HOST_SetStandbyNodes(long_list.data(), 64);
+                                 HOST_SetStandbyNodes(short_list.data(), 10);
+                             } else if (const Nodes seen = standby_nodes();
+                                        !seen.empty() && seen != long_list && seen != short_list) {
+                                 return 1;
+                             }
+                         }
+                         return 0;
+                     }),
+        2);
 }
 
 TEST_F(HostSettingsTest, OpenMakesARelativeRootAbsoluteAndRefusesUnusableOnes) {
@@ -367,7 +387,8 @@ TEST_F(HostCipherTest, RegionsAreVersionedLengthPrefixedAndBoundToTheirStore) {
 
     // Encipher refuses a region without room, nothing at all, and more than a 16-bit length holds.
     Bytes big(65536 + PKEY_CIPHER_OVERHEAD);
-    for (const auto &[len, room] : {std::pair{32u, 32u + PKEY_CIPHER_OVERHEAD - 1}, {0u, 64u},
+    for (const auto &[len, room] : {std::pair{32u, 32u + PKEY_CIPHER_OVERHEAD - 1},
+                                    {0u, 64u},
                                     {65536u, 65536u + PKEY_CIPHER_OVERHEAD}})
         EXPECT_NE(PKEY_Encrypt(len, big.data(), room, big.data()), 0u) << len;
 }
@@ -379,9 +400,12 @@ TEST_F(HostCipherTest, DeviceKeyIsPrivateAndMadeOnceByRacingProcesses) {
         nullptr, kChildren * kRegion, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(shared, MAP_FAILED);
     const Bytes p = plain(64);
-    ASSERT_EQ(run_children(kChildren, [&](int i) {
-                  return PKEY_Encrypt(64, p.data(), kRegion, shared + i * kRegion) == 0 ? 0 : 1;
-              }),
+    ASSERT_EQ(run_children(kChildren,
+                           [&](int i) {
+                               return PKEY_Encrypt(64, p.data(), kRegion, shared + i * kRegion) == 0
+                                          ? 0
+                                          : 1;
+                           }),
               kChildren);
     // SIV is deterministic, so equal regions mean every process used one key.
     const Bytes mine = encrypt(p);
@@ -429,16 +453,18 @@ TEST_F(HostDbmTest, ConcurrentWritersInSeveralProcessesLoseNothing) {
     const int h = db_open(kRead | kWrite);
     constexpr int kPerChild = 500;
     auto key = [](int c, int i) { return "c" + std::to_string(c) + "-" + std::to_string(i); };
-    ASSERT_EQ(run_children(2, [&](int c) {
-                  const int ch = db_open(kWrite);
-                  for (int i = 0; i < kPerChild; ++i)
-                      if (db_set(ch, key(c, i), key(c, i) + "-value") != 0) return 1;
-                  return DBM_Close(ch);
-              }),
+    ASSERT_EQ(run_children(2,
+                           [&](int c) {
+                               const int ch = db_open(kWrite);
+                               for (int i = 0; i < kPerChild; ++i)
+                                   if (db_set(ch, key(c, i), key(c, i) + "-value") != 0) return 1;
+                               return DBM_Close(ch);
+                           }),
               2);
     EXPECT_EQ(DBM_GetKeyNumByValueType(h, 1), 2u * kPerChild);
     for (int c = 0; c < 2; ++c)
-        for (int i = 0; i < kPerChild; i += 97) EXPECT_EQ(db_get(h, key(c, i)), key(c, i) + "-value");
+        for (int i = 0; i < kPerChild; i += 97)
+            EXPECT_EQ(db_get(h, key(c, i)), key(c, i) + "-value");
 }
 
 TEST_F(HostDbmTest, ABatchOfWritesIsSeenByOtherProcessesWhenItsHandleCloses) {
@@ -446,9 +472,8 @@ TEST_F(HostDbmTest, ABatchOfWritesIsSeenByOtherProcessesWhenItsHandleCloses) {
     for (int i = 0; i < 100; ++i) ASSERT_EQ(db_set(h, "k" + std::to_string(i), "v"), 0);
     ASSERT_EQ(db_delete(h, "k0"), 0);
     const auto count_elsewhere = [] {
-        return pkey::test::exit_code(pkey::test::spawn([] {
-            return static_cast<int>(DBM_GetKeyNumByValueType(db_open(kRead), 1));
-        }));
+        return pkey::test::exit_code(pkey::test::spawn(
+            [] { return static_cast<int>(DBM_GetKeyNumByValueType(db_open(kRead), 1)); }));
     };
     // Readers elsewhere are not held up by the open batch, and never see half of it.
     EXPECT_LE(count_elsewhere(), 1);
@@ -464,9 +489,10 @@ TEST_F(HostDbmTest, ListingManyKeysGivesThemAllInTableOrder) {
     sqlite3 *db = nullptr;
     ASSERT_EQ(sqlite3_open((store.root() + "/db/PKEY.db").c_str(), &db), SQLITE_OK);
     sqlite3_busy_timeout(db, 30000);
-    const char *seed = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < "
-                       "99999) INSERT INTO records(key, type, value) "
-                       "SELECT CAST('peer-key-' || i AS BLOB), 1, x'76' FROM n";
+    const char *seed =
+        "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < "
+        "99999) INSERT INTO records(key, type, value) "
+        "SELECT CAST('peer-key-' || i AS BLOB), 1, x'76' FROM n";
     EXPECT_EQ(sqlite3_exec(db, seed, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
     sqlite3_close(db);
     const Strings all = keys(h, kKeys);
@@ -855,20 +881,24 @@ TEST_F(HostOpenTest, OpenExistingCreatesNothingAndNamesWhatIsMissing) {
 TEST_F(HostOpenTest, ProcessesOpeningANewStoreAtOnceNeverSeeAPartialSettingsFile) {
     for (int round = 0; round < 20; ++round) {
         const std::string root = store.root() + "/race" + std::to_string(round);
-        EXPECT_EQ(run_children(6, [&](int i) {
-                      if (i % 2 == 0)
-                          return HOST_Open(root.c_str()) == 0 && HOST_SetSelfNode(3) == 0 ? 0 : 1;
-                      // Waits for the store to appear; what it finds must be complete.
-                      for (int tries = 0; tries < 1000000; ++tries) {
-                          HOST_ClearError();
-                          if (HOST_OpenExisting(root.c_str()) == 0) return 0;
-                          const std::string e = HOST_LastError();
-                          if (e.find("(no such directory)") == std::string::npos &&
-                              e.find("(no settings file)") == std::string::npos)
-                              return 2;
-                      }
-                      return 3;
-                  }),
+        EXPECT_EQ(run_children(6,
+                               [&](int i) {
+                                   if (i % 2 == 0)
+                                       return HOST_Open(root.c_str()) == 0 &&
+                                                      HOST_SetSelfNode(3) == 0
+                                                  ? 0
+                                                  : 1;
+                                   // Waits for the store to appear; what it finds must be complete.
+                                   for (int tries = 0; tries < 1000000; ++tries) {
+                                       HOST_ClearError();
+                                       if (HOST_OpenExisting(root.c_str()) == 0) return 0;
+                                       const std::string e = HOST_LastError();
+                                       if (e.find("(no such directory)") == std::string::npos &&
+                                           e.find("(no settings file)") == std::string::npos)
+                                           return 2;
+                                   }
+                                   return 3;
+                               }),
                   6)
             << "round " << round;
     }
@@ -882,7 +912,8 @@ TEST_F(HostOpenTest, AProcessThatNeverOpensAStoreChecksTheDefaultOneTheSameWay) 
     put_file(bad + "/settings", damaged);
     put_file(old + "/settings", v1_file(with_fips(1), kLittleEndian));
     const auto probe = [](const std::string &root) {
-        return pkey::test::run("PKEY_ROOT=" + root + " " + pkey::test::target_shell_command(HOST_LAZY_PROBE));
+        return pkey::test::run("PKEY_ROOT=" + root + " " +
+                               pkey::test::target_shell_command(HOST_LAZY_PROBE));
     };
     EXPECT_EQ(probe(bad), "fips=1 alarm=1 workdir=fail error=" + bad +
                               "/settings: damaged (checksum mismatch); restore it from a backup, "

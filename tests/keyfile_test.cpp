@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -57,9 +56,10 @@ protected:
 };
 
 TEST_F(KeyFileTest, EveryAlgorithmRoundTripsAndFipsModeReadsOnlySha256ProtectedFiles) {
-    const std::pair<unsigned int, EVP_PKEY *> rows[] = {
-        {PKEY_ALG_RSA, rsa1024}, {PKEY_ALG_DSA, dsa1024}, {PKEY_ALG_ECDSA, p256},
-        {PKEY_ALG_ECDSA, p521}};
+    const std::pair<unsigned int, EVP_PKEY *> rows[] = {{PKEY_ALG_RSA, rsa1024},
+                                                        {PKEY_ALG_DSA, dsa1024},
+                                                        {PKEY_ALG_ECDSA, p256},
+                                                        {PKEY_ALG_ECDSA, p521}};
     for (int fips : {0, 1}) {
         PCTL_SetFipsMode(fips);
         for (const auto &[alg, key] : rows)
@@ -263,7 +263,9 @@ TEST_F(KeyFileTest, KeyNamesThatLeaveTheKeyDirectoryAreRefusedBeforeAnythingIsTo
 // stays as it was.
 TEST_F(KeyFileTest, OneFileUnderBothCopiesNamesFailsAWritePromptlyAndLosesNothing) {
     using pkey::test::exit_code_within;
-    auto fails = [](auto call) { return exit_code_within([&] { return call() == kFailed ? 0 : 1; }); };
+    auto fails = [](auto call) {
+        return exit_code_within([&] { return call() == kFailed ? 0 : 1; });
+    };
     ASSERT_EQ(save(PKEY_ALG_RSA, rsa1024, ""), 0);
     const std::string flash_rsa = get(dev("hostkey"));
     fsys::remove(mem("hostkey"));
@@ -284,7 +286,8 @@ TEST_F(KeyFileTest, OneFileUnderBothCopiesNamesFailsAWritePromptlyAndLosesNothin
     // A new key is made as the memory copy, the device open finds the file
     // this thread holds, and the clean-up removes it: nothing is left behind.
     EXPECT_EQ(fails([&] {
-                  return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_ECDSA, PKEY_NID_P256, PKEY_KEY_HOST, 0, "");
+                  return PKEY_LOCAL_GenerateOneKey(PKEY_ALG_ECDSA, PKEY_NID_P256, PKEY_KEY_HOST, 0,
+                                                   "");
               }),
               0);
     EXPECT_FALSE(fsys::exists(dev("ecdsakey")));
@@ -357,7 +360,7 @@ TEST_F(CreateTest, TheDefaultRsaHostKeyBringsAServerKeyOutsideFipsModeWithinTheT
         unsigned int host;
         const char *name;
         unsigned int server;  // 0: none
-    } rows[] = {{1, 2048, "", 0},  {0, 1024, "named", 0}, {0, 2304, "", 0}, {0, 512, "", 768},
+    } rows[] = {{1, 2048, "", 0},  {0, 1024, "named", 0}, {0, 2304, "", 0},  {0, 512, "", 768},
                 {0, 704, "", 896}, {0, 800, "", 640},     {0, 1024, "", 768}};
     for (const auto &r : rows) {
         PCTL_SetFipsMode(r.fips);

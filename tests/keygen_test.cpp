@@ -29,8 +29,9 @@ std::string curve_of(const EVP_PKEY *key) {
 }
 
 std::string dsa_group_hex(const EVP_PKEY *key) {
-    return bn_param_hex(key, OSSL_PKEY_PARAM_FFC_P) + ":" + bn_param_hex(key, OSSL_PKEY_PARAM_FFC_Q) +
-           ":" + bn_param_hex(key, OSSL_PKEY_PARAM_FFC_G);
+    return bn_param_hex(key, OSSL_PKEY_PARAM_FFC_P) + ":" +
+           bn_param_hex(key, OSSL_PKEY_PARAM_FFC_Q) + ":" +
+           bn_param_hex(key, OSSL_PKEY_PARAM_FFC_G);
 }
 
 std::string sha256_hex(const std::string &text) {
@@ -104,8 +105,8 @@ TEST_F(KeygenTest, MemoryAlarmStopsEveryGenerator) {
 
 TEST(ServerKeyBits, FollowTheStepTable) {
     const std::pair<unsigned int, unsigned int> rows[] = {
-        {0, 0},     {511, 0},   {512, 768},  {640, 768},  {641, 896},  {767, 896}, {768, 640},
-        {895, 640}, {896, 768}, {1024, 768}, {2048, 768}, {2049, 0},   {4096, 0}};
+        {0, 0},     {511, 0},   {512, 768},  {640, 768},  {641, 896}, {767, 896}, {768, 640},
+        {895, 640}, {896, 768}, {1024, 768}, {2048, 768}, {2049, 0},  {4096, 0}};
     for (const auto &[host, server] : rows)
         EXPECT_EQ(PKEY_LOCAL_GetServerKeyBitsByHostKeyBits(host), server) << host;
 }

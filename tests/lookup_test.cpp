@@ -58,7 +58,7 @@ TEST_F(LookupTest, KeyNameCharactersAreAsciiLettersDigitsAndDashOnly) {
 TEST_F(LookupTest, LocalKeyNameCutsOnlyATrailingKeyExtension) {
     // A name without the extension comes back as it is, and fails.
     const std::pair<const char *, const char *> cases[] = {
-        {"abc.key", "abc"}, {".key", ""}, {"a.key.key", "a.key"}, {"key", nullptr},
+        {"abc.key", "abc"},   {".key", ""},         {"a.key.key", "a.key"}, {"key", nullptr},
         {"abc.pem", nullptr}, {"abc.KEY", nullptr}, {"", nullptr}};
     for (const auto &[in, out] : cases) {
         char buf[32];
@@ -100,7 +100,9 @@ TEST_F(LookupTest, LookupsGiveNothingForMissingWrongOrCorruptKeys) {
 
     // A damaged memory copy still exists but is no longer handed out.
     // Its record marker, covered by the digest, changes.
-    std::fstream(mem("dsa/d1.key"), std::ios::in | std::ios::out | std::ios::binary).seekp(4).put('\x55');
+    std::fstream(mem("dsa/d1.key"), std::ios::in | std::ios::out | std::ios::binary)
+        .seekp(4)
+        .put('\x55');
     EXPECT_EQ(PKEY_GetHostKey(EVP_PKEY_DSA, "d1"), nullptr);
     EXPECT_EQ(PKEY_IsKeyExist(EVP_PKEY_DSA, "d1"), 1);
 }
@@ -156,18 +158,18 @@ TEST_F(LookupTest, FileNameGuardSeesThroughEverySpellingOfTheKeyStore) {
         "flash:/hostkey", "flash:/HostKey", "FLASH:/ServerKey", "flash:/dsakey", "flash:/ecdsakey",
         "flash:/pkey/rsa/a.key", "flash:/PKey/RSA/a.key", "flash:/pkey", "flash:/pkey/",
         "flash:/pkey/rsa/..", "flash://pkey//rsa/a.key", "flash:///hostkey", "flash:/./hostkey",
-        "flash:/x/../hostkey", "flash:/x/../pkey/a.key", "slot1#flash:/hostkey",
-        work + "//HOSTKEY", r + "/node1//flash/pkey/",
-        r + "/link/hostkey", r + "/link/Pkey/rsa/a.key", r + "/elsewhere/keys/rsa/a.key",
-        "flash:/a/./b.txt", "flash:/dir/../notes.txt",
+        "flash:/x/../hostkey", "flash:/x/../pkey/a.key", "slot1#flash:/hostkey", work + "//HOSTKEY",
+        r + "/node1//flash/pkey/", r + "/link/hostkey", r + "/link/Pkey/rsa/a.key",
+        r + "/elsewhere/keys/rsa/a.key", "flash:/a/./b.txt", "flash:/dir/../notes.txt",
         // Another node's key files are the store's too.
         "slot2#flash:/hostkey", "slot2#flash:/pkey/rsa/a.key", r + "/node2/flash/hostkey"};
     for (const std::string &name : refused)
         EXPECT_EQ(PKEY_LOCAL_CheckFullFileName(name.c_str(), 0, 0, 0), kFailed) << name;
 
     const std::string allowed[] = {
-        "flash:/dir/hostkey", "flash:/hostkey.bak", "flash:/pkeys/a.key", "flash:/dir/pkey/a.key",
-        "slot2#flash:/notes.txt", "cfcard:/hostkey", r + "/hostkey"};
+        "flash:/dir/hostkey",    "flash:/hostkey.bak",     "flash:/pkeys/a.key",
+        "flash:/dir/pkey/a.key", "slot2#flash:/notes.txt", "cfcard:/hostkey",
+        r + "/hostkey"};
     for (const std::string &name : allowed)
         EXPECT_EQ(PKEY_LOCAL_CheckFullFileName(name.c_str(), 0, 0, 0), 0) << name;
 
@@ -178,8 +180,8 @@ TEST_F(LookupTest, FileNameGuardSeesThroughEverySpellingOfTheKeyStore) {
 }
 
 TEST_F(LookupTest, SweepOutsideFipsModeRemovesMd5ProtectedKeysOnly) {
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "");       // MD5
-    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa2048"), "old");    // MD5, large enough
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "");           // MD5
+    save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa2048"), "old");        // MD5, large enough
     save(PKEY_ALG_RSA, PKEY_KEY_HOST, key("rsa1024"), "new", true);  // SHA-256
     save(PKEY_ALG_ECDSA, PKEY_KEY_HOST, key("p192"), "e", true);
     fsys::copy_file(dev("pkey/rsa/old.key"), dev("pkey/rsa/old.bak"));
@@ -210,8 +212,8 @@ TEST_F(LookupTest, SweepInFipsModeRemovesKeysThePolicyRefuses) {
     EXPECT_EQ(sweep(dev("pkey/"), true), 0);
     for (const char *gone : {"hostkey", "serverkey", "dsakey", "pkey/dsa/d.key", "ecdsakey"})
         EXPECT_FALSE(fsys::exists(dev(gone))) << gone;
-    for (const char *kept : {"pkey/rsa/big.key", "pkey/ecdsa/p256.key", "pkey/rsa/md5.key",
-                             "pkey/rsa/junk.key"})
+    for (const char *kept :
+         {"pkey/rsa/big.key", "pkey/ecdsa/p256.key", "pkey/rsa/md5.key", "pkey/rsa/junk.key"})
         EXPECT_TRUE(fsys::exists(dev(kept))) << kept;
 }
 

@@ -44,15 +44,24 @@ protected:
 };
 
 TEST_F(MirrorTest, FillsAnAbsentMirrorWithExactlyTheKeysOnFlash) {
-    const Tree flash = {{"hostkey", "1"},       {"serverkey", "2"},      {"dsakey", "3"},
-                        {"ecdsakey", "4"},      {"pkey/rsa/r.key", "5"}, {"pkey/dsa/d.key", "6"},
-                        {"pkey/ecdsa/e.key", "7"}, {"pkey/publickey/peer", "not mirrored"},
+    const Tree flash = {{"hostkey", "1"},
+                        {"serverkey", "2"},
+                        {"dsakey", "3"},
+                        {"ecdsakey", "4"},
+                        {"pkey/rsa/r.key", "5"},
+                        {"pkey/dsa/d.key", "6"},
+                        {"pkey/ecdsa/e.key", "7"},
+                        {"pkey/publickey/peer", "not mirrored"},
                         {"other", "not a key file"}};
     seed(work(), flash);
     PKEY_CFGMNG_UpdateLocKeyMemFiles();
-    EXPECT_EQ(tree(mem("")), (Tree{{"hostkey", "1"}, {"serverkey", "2"}, {"dsakey", "3"},
-                                 {"ecdsakey", "4"}, {"rsa/r.key", "5"}, {"dsa/d.key", "6"},
-                                 {"ecdsa/e.key", "7"}}));
+    EXPECT_EQ(tree(mem("")), (Tree{{"hostkey", "1"},
+                                   {"serverkey", "2"},
+                                   {"dsakey", "3"},
+                                   {"ecdsakey", "4"},
+                                   {"rsa/r.key", "5"},
+                                   {"dsa/d.key", "6"},
+                                   {"ecdsa/e.key", "7"}}));
 }
 
 TEST_F(MirrorTest, IsMadeOnceThereIsAKeyAndNeverRefreshed) {
@@ -129,19 +138,22 @@ TEST_F(BackupTest, RealTimeBackupDoesNothingForNamesThatLeaveTheKeyDirectory) {
         };
     };
     pkey::test::expect_escaping_names_refused({
-        {"PKEY_BACKUP_SndRtLocalKey (write)", PKEY_ALG_ECDSA, ec, never_runs(PKEY_FS_WriteDataToVFS)},
+        {"PKEY_BACKUP_SndRtLocalKey (write)", PKEY_ALG_ECDSA, ec,
+         never_runs(PKEY_FS_WriteDataToVFS)},
         {"PKEY_BACKUP_SndRtLocalKey (remove)", PKEY_ALG_ECDSA, ec, never_runs(remove_op)},
     });
 }
 
 TEST_F(BackupTest, BatchMakesTheStandbysFlashStoreEqualAbsenceIncluded) {
-    const Tree active = {{"hostkey", "H"},          {"serverkey", "S"},       {"dsakey", "D"},
-                         {"pkey/rsa/a.key", "ra"},   {"pkey/dsa/b.key", "db"}, {"other", "kept"}};
+    const Tree active = {{"hostkey", "H"},         {"serverkey", "S"},       {"dsakey", "D"},
+                         {"pkey/rsa/a.key", "ra"}, {"pkey/dsa/b.key", "db"}, {"other", "kept"}};
     seed(store.work_dir(1), active);
     // The standby has stale keys: a named key deleted here, an ECDSA host key
     // this node does not have, an old host key, and memory copies.
-    seed(store.work_dir(2), {{"pkey/rsa/gone.key", "stale"}, {"ecdsakey", "stale"},
-                             {"hostkey", "old"}, {"unrelated", "theirs"}});
+    seed(store.work_dir(2), {{"pkey/rsa/gone.key", "stale"},
+                             {"ecdsakey", "stale"},
+                             {"hostkey", "old"},
+                             {"unrelated", "theirs"}});
     seed(store.mem_dir(2) + "/pkey", {{"hostkey", "old"}, {"rsa/gone.key", "stale"}});
 
     EXPECT_EQ(PKEY_BACKUP_Batch(2), -1);  // no ECDSA host key here
@@ -167,7 +179,8 @@ TEST(BackupPaths, AnUnresolvableWorkDirectoryStopsTheCopyButNotTheCleanUp) {
     PKEY_TEST_HOST_ONLY("the host's work directories lengthen with the store root");
     // A store root too long for the batch's work-directory buffers.
     pkey::test::TempStore base;
-    const std::string deep = base.root() + "/" + std::string(120, 'd') + "/" + std::string(120, 'e');
+    const std::string deep =
+        base.root() + "/" + std::string(120, 'd') + "/" + std::string(120, 'e');
     ASSERT_EQ(PCTL_OpenStore(deep.c_str()), 0);
     const std::string mem2 = deep + "/node2/run/pkey";
     put(mem2 + "/hostkey", "old");

@@ -163,10 +163,10 @@ TEST_F(PeerTest, KeyCodeEntryStoresTheReEncodedKeyOrSaysWhy) {
     };
     const std::string good = hex_of(public_der(p256));
     const Row rows[] = {
-        {good.substr(1), ""},                                  // odd number of digits
+        {good.substr(1), ""},                                       // odd number of digits
         {good + "0001", RC_LoadString(PKEY_MSG_INVALID_KEY_CODE)},  // bytes after the key
         {"3003020100", RC_LoadString(PKEY_MSG_INVALID_KEY_CODE)},   // not a key
-        {std::string(4098, 'A'), ""},                          // longer than the work buffer
+        {std::string(4098, 'A'), ""},                               // longer than the work buffer
     };
     for (const Row &row : rows) {
         EXPECT_EQ(finish(entry("bad", row.hex), &r), row.printed) << row.hex.substr(0, 16);
@@ -267,9 +267,9 @@ TEST_F(PeerTest, EcKeysSpellingOutANamedCurveAreStoredNamingIt) {
     EC_GROUP *g = group.get();
     pkey::EcPointPtr twice_g(EC_POINT_new(g));
     ASSERT_EQ(EC_POINT_dbl(g, twice_g.get(), EC_GROUP_get0_generator(g), nullptr), 1);
-    ASSERT_EQ(EC_GROUP_set_generator(g, twice_g.get(), EC_GROUP_get0_order(g),
-                                     EC_GROUP_get0_cofactor(g)),
-              1);
+    ASSERT_EQ(
+        EC_GROUP_set_generator(g, twice_g.get(), EC_GROUP_get0_order(g), EC_GROUP_get0_cofactor(g)),
+        1);
     EC_GROUP_set_curve_name(g, NID_undef);
     EC_GROUP_set_asn1_flag(g, OPENSSL_EC_EXPLICIT_CURVE);
     ASSERT_EQ(EC_KEY_set_group(ec.get(), g), 1);
@@ -315,8 +315,8 @@ TEST_F(PeerTest, ParsedKeysFollowThePolicyUnlessSavedDirectly) {
 }
 
 TEST_F(PeerTest, FipsModePurgesWeakKeysAtEveryLookup) {
-    for (auto [name, key] : {std::pair{"r1024", rsa1024}, {"r2048", rsa2048}, {"p192", p192},
-                             {"p256", p256}})
+    for (auto [name, key] :
+         {std::pair{"r1024", rsa1024}, {"r2048", rsa2048}, {"p192", p192}, {"p256", p256}})
         ASSERT_EQ(PKEY_SavePeerPubKey(key, name), 0u);
     const int h = PKEY_CFGMNG_OpenDBM(PKEY_CFGMNG_MODE_SAVE);
     ASSERT_EQ(DBM_SetBinary(h, "junk", 4, -1, 3, "\x30\x01\x00", 1), 0);
@@ -339,14 +339,17 @@ TEST_F(PeerTest, FipsModePurgesWeakKeysAtEveryLookup) {
 TEST_F(PeerTest, FipsLookupsNeverReturnARefusedKeyWhicheverProcessSavedIt) {
     using pkey::test::exit_code;
     using pkey::test::spawn;
-    const auto found = [](const char *name) { return EvpPkeyPtr(PKEY_GetUserKeyByName(name)) != nullptr; };
+    const auto found = [](const char *name) {
+        return EvpPkeyPtr(PKEY_GetUserKeyByName(name)) != nullptr;
+    };
     PCTL_SetFipsMode(1);
     ASSERT_EQ(PKEY_SavePeerPubKey(p256, "ok"), 0u);
     ASSERT_TRUE(found("ok"));
     ASSERT_TRUE(found("ok"));  // nothing changed in between
 
     // Another process saves a refused key; this one must not see it.
-    EXPECT_EQ(exit_code(spawn([&] { return PKEY_SavePeerPubKey(rsa1024, "weak") == 0 ? 0 : 1; })), 0);
+    EXPECT_EQ(exit_code(spawn([&] { return PKEY_SavePeerPubKey(rsa1024, "weak") == 0 ? 0 : 1; })),
+              0);
     EXPECT_FALSE(found("weak"));
     // This process saves one; a process that never purged before must not see it.
     ASSERT_EQ(PKEY_SavePeerPubKey(p192, "weak2"), 0u);
@@ -358,7 +361,8 @@ TEST_F(PeerTest, FipsLookupsNeverReturnARefusedKeyWhicheverProcessSavedIt) {
     // Many changes at once, in another process: the refused half goes, the rest stays.
     EXPECT_EQ(exit_code(spawn([&] {
                   for (int i = 0; i < 600; ++i)
-                      if (PKEY_SavePeerPubKey(i % 2 ? rsa1024 : rsa2048, ("k" + std::to_string(i)).c_str()) != 0)
+                      if (PKEY_SavePeerPubKey(i % 2 ? rsa1024 : rsa2048,
+                                              ("k" + std::to_string(i)).c_str()) != 0)
                           return 1;
                   return 0;
               })),

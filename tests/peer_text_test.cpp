@@ -21,9 +21,9 @@
 namespace {
 
 using pkey::EvpPkeyPtr;
+using pkey::MallocPtr;
 using pkey::test::get;
 using pkey::test::run;
-using pkey::MallocPtr;
 
 enum class Form { kSsh2, kOpenSsh, kSsh1 };
 
@@ -65,8 +65,10 @@ using PeerText = pkey::test::StoreTest;
 TEST_F(PeerText, EveryFormOfRealToolsReadsToTheKeyItWasMadeFrom) {
     const std::string dir = store.root() + "/tools/";
     ASSERT_TRUE(std::filesystem::create_directories(dir));
-    const struct { const char *type; int bits; } kinds[] = {
-        {"rsa", 2048}, {"dsa", 1024}, {"ecdsa", 256}, {"ecdsa", 384}, {"ecdsa", 521}};
+    const struct {
+        const char *type;
+        int bits;
+    } kinds[] = {{"rsa", 2048}, {"dsa", 1024}, {"ecdsa", 256}, {"ecdsa", 384}, {"ecdsa", 521}};
     for (const auto &k : kinds) {
         const std::string label = std::string(k.type) + std::to_string(k.bits);
         SCOPED_TRACE(label);
@@ -84,7 +86,11 @@ TEST_F(PeerText, EveryFormOfRealToolsReadsToTheKeyItWasMadeFrom) {
         const std::string putty2 = run("puttygen " + priv + " -O public -C 'x: \"q\\\\\"'");
         ASSERT_NE(ssh2.find("Comment:"), std::string::npos);
         ASSERT_NE(putty2.find("Comment:"), std::string::npos);
-        const struct { const char *what; Form form; std::string text; } forms[] = {
+        const struct {
+            const char *what;
+            Form form;
+            std::string text;
+        } forms[] = {
             {"ssh-keygen line", Form::kOpenSsh, get(priv + ".pub")},
             {"puttygen line", Form::kOpenSsh, run("puttygen " + priv + " -O public-openssh")},
             {"ssh-keygen block", Form::kSsh2, ssh2},
@@ -100,7 +106,9 @@ TEST_F(PeerText, EveryFormOfRealToolsReadsToTheKeyItWasMadeFrom) {
 }
 
 TEST_F(PeerText, WrapperAllowsOnlyBlanksOutsideItsMarkers) {
-    const struct { const char *text, *want; } cases[] = {
+    const struct {
+        const char *text, *want;
+    } cases[] = {
         {"  public-key-code begin\nAB CD\npublic-key-code end  ", "\nAB CD\n"},
         {"public-key-code beginABpublic-key-code end", "AB"},
         {"x public-key-code begin AB public-key-code end", "<null>"},
@@ -131,7 +139,12 @@ TEST_F(PeerText, ReadersFollowTheirFormsRulesWithoutReadingPastTheText) {
     const auto zeros = [](size_t count) { return std::string(count, '0'); };
     const std::string with_blank = lines.substr(0, 10) + " " + lines.substr(10);
 
-    const struct { const char *what; Form form; std::string text; bool reads; } cases[] = {
+    const struct {
+        const char *what;
+        Form form;
+        std::string text;
+        bool reads;
+    } cases[] = {
         {"no header", Form::kSsh2, kBegin + lines + kEnd, true},
         {"continued header", Form::kSsh2,
          kBegin + "Comment: \"first half \\\nsecond half\"\n" + lines + kEnd + "\n", true},

@@ -67,9 +67,8 @@ TEST_F(PolicyTest, RsaAndDsaSizesHaveA2048BitCeilingInBothModes) {
         unsigned int bits;
         int valid_non_fips, valid_fips, fips_strength;
     };
-    const Row rows[] = {{511, 0, 0, 0},  {512, 1, 0, 0},  {1024, 1, 0, 0},
-                        {2047, 1, 0, 0}, {2048, 1, 1, 1}, {2049, 0, 0, 1},
-                        {3072, 0, 0, 1}, {4096, 0, 0, 1}};
+    const Row rows[] = {{511, 0, 0, 0},  {512, 1, 0, 0},  {1024, 1, 0, 0}, {2047, 1, 0, 0},
+                        {2048, 1, 1, 1}, {2049, 0, 0, 1}, {3072, 0, 0, 1}, {4096, 0, 0, 1}};
     for (const Row &r : rows) {
         for (auto make : {rsa_public_of_bits, dsa_public_of_bits}) {
             pkey::EvpPkeyPtr key = make(r.bits);
@@ -130,12 +129,15 @@ TEST_F(PolicyTest, OnlyKeysARealKeyPairCanHaveArePossible) {
     auto num = [&](const BIGNUM *base, long add) {
         numbers.emplace_back(base != nullptr ? BN_dup(base) : BN_new());
         BIGNUM *v = numbers.back().get();
-        if (add >= 0) BN_add_word(v, static_cast<BN_ULONG>(add));
-        else BN_sub_word(v, static_cast<BN_ULONG>(-add));
+        if (add >= 0)
+            BN_add_word(v, static_cast<BN_ULONG>(add));
+        else
+            BN_sub_word(v, static_cast<BN_ULONG>(-add));
         return v;
     };
     const BignumPtr n = bn_param(rsa, OSSL_PKEY_PARAM_RSA_N);
-    const BignumPtr p = bn_param(dsa, OSSL_PKEY_PARAM_FFC_P), q = bn_param(dsa, OSSL_PKEY_PARAM_FFC_Q);
+    const BignumPtr p = bn_param(dsa, OSSL_PKEY_PARAM_FFC_P),
+                    q = bn_param(dsa, OSSL_PKEY_PARAM_FFC_Q);
     // 2 lies outside the order-q subgroup of the fixed group (checked, not assumed).
     const BIGNUM *two = num(nullptr, 2);
     BignumPtr power(BN_new());

@@ -4,12 +4,12 @@
  * the program loads; unarmed they pass every call on. Kept free of
  * <dirent.h> so that both names can be defined whatever it redirects. */
 #define _GNU_SOURCE
+#include "readdir_fault.h"
+
 #include <dlfcn.h>
 #include <errno.h>
 #include <stdatomic.h>
 #include <stddef.h>
-
-#include "readdir_fault.h"
 
 static atomic_int calls_left = -1; /* the failing call is the one that brings it to 0 */
 

@@ -25,8 +25,8 @@ using Bytes = std::vector<unsigned char>;
 constexpr unsigned int kMd5 = 59, kSha256 = 62;  // crypto service switches
 
 const std::vector<const char *> kRsaNames = {
-    OSSL_PKEY_PARAM_RSA_N,         OSSL_PKEY_PARAM_RSA_E,         OSSL_PKEY_PARAM_RSA_D,
-    OSSL_PKEY_PARAM_RSA_FACTOR1,   OSSL_PKEY_PARAM_RSA_FACTOR2,   OSSL_PKEY_PARAM_RSA_EXPONENT1,
+    OSSL_PKEY_PARAM_RSA_N,         OSSL_PKEY_PARAM_RSA_E,           OSSL_PKEY_PARAM_RSA_D,
+    OSSL_PKEY_PARAM_RSA_FACTOR1,   OSSL_PKEY_PARAM_RSA_FACTOR2,     OSSL_PKEY_PARAM_RSA_EXPONENT1,
     OSSL_PKEY_PARAM_RSA_EXPONENT2, OSSL_PKEY_PARAM_RSA_COEFFICIENT1};
 
 Bytes component(const EVP_PKEY *key, const char *name) {
@@ -146,7 +146,11 @@ TEST_F(StoreRecordTest, Rsa1024WithFullSizeComponentsHasTheExactLayout) {
     EXPECT_TRUE(digest_matches(rec, EVP_md5()));
 
     // Protection follows FIPS mode; the digest follows the algorithm switches.
-    const struct { int fips, md5, protection; size_t len; const EVP_MD *md; } cases[] = {
+    const struct {
+        int fips, md5, protection;
+        size_t len;
+        const EVP_MD *md;
+    } cases[] = {
         {0, 0, 3, 732, EVP_sha256()}, {1, -1, 4, 732, EVP_sha256()}, {1, 1, 4, 716, EVP_md5()}};
     for (const auto &c : cases) {
         PCTL_SetFipsMode(c.fips);
@@ -202,14 +206,18 @@ TEST_F(StoreRecordTest, TruncatedLyingOrMislabelledRecordsFailWithoutReadingPast
         const Bytes rec = build(s->key.get());
         for (size_t n = 0; n < rec.size(); ++n) {
             // Whatever lies behind the payload is not needed to read it.
-            if (n < 84 + s->bound()) ASSERT_EQ(read_exact(s->alg, rec, n), nullptr) << n;
-            else ASSERT_TRUE(s->same(read_exact(s->alg, rec, n).get())) << n;
+            if (n < 84 + s->bound())
+                ASSERT_EQ(read_exact(s->alg, rec, n), nullptr) << n;
+            else
+                ASSERT_TRUE(s->same(read_exact(s->alg, rec, n).get())) << n;
         }
     }
     const Bytes rec = build(rsa1024().key.get());
     // n's length field, then iqmp's (the last): one byte more than remains, and huge.
-    for (auto [at, len] : {std::pair<size_t, uint32_t>{84, 0xFFFFFFFF}, {84, 0xFFFFFFFC},
-                           {84, 716 - 88 + 1}, {627, 716 - 631 + 1}}) {
+    for (auto [at, len] : {std::pair<size_t, uint32_t>{84, 0xFFFFFFFF},
+                           {84, 0xFFFFFFFC},
+                           {84, 716 - 88 + 1},
+                           {627, 716 - 631 + 1}}) {
         Bytes bad = rec;
         pkey::store_be32(&bad[at], len);
         EXPECT_EQ(read_exact(PKEY_ALG_RSA, bad, bad.size()), nullptr) << at << " " << len;

@@ -59,7 +59,9 @@ T *shared_block() {
     return p == MAP_FAILED ? nullptr : new (p) T();
 }
 template <size_t N>
-long sum(const long (&a)[N]) { return std::accumulate(a, a + N, 0L); }
+long sum(const long (&a)[N]) {
+    return std::accumulate(a, a + N, 0L);
+}
 
 class StressTest : public pkey::test::StoreTest {
 protected:
@@ -98,9 +100,9 @@ TEST_F(StressTest, ReadersOfAKeyThatTwoWritersKeepReplacingSeeOnlyWholeKeysOfThe
             for (long i = 0; c->writers_left > 0 && i < 200000; ++i) {
                 // Both lookup doors on both algorithms.
                 const bool is_ec = i % 2 == 0;
-                EvpPkeyPtr got = i % 4 < 2
-                    ? EvpPkeyPtr(PKEY_GetHostKey(is_ec ? EVP_PKEY_EC : EVP_PKEY_RSA, ""))
-                    : host_key(is_ec ? PKEY_ALG_ECDSA : PKEY_ALG_RSA);
+                EvpPkeyPtr got =
+                    i % 4 < 2 ? EvpPkeyPtr(PKEY_GetHostKey(is_ec ? EVP_PKEY_EC : EVP_PKEY_RSA, ""))
+                              : host_key(is_ec ? PKEY_ALG_ECDSA : PKEY_ALG_RSA);
                 ++c->seen[classify(got, is_ec ? ec : rsa)][r];
             }
             return 0;
@@ -109,10 +111,12 @@ TEST_F(StressTest, ReadersOfAKeyThatTwoWritersKeepReplacingSeeOnlyWholeKeysOfThe
     // With the writers gone both files are whole again.
     EXPECT_EQ(classify(host_key(PKEY_ALG_ECDSA), ec), kWhole);
     EXPECT_EQ(classify(host_key(PKEY_ALG_RSA), rsa), kWhole);
-    std::printf("[ counts ] saves %ld (failed %ld); reads %ld: whole %ld, clean failures %ld, "
-                "damaged %ld\n", sum(c->saves), sum(c->save_failures),
-                sum(c->seen[kWhole]) + sum(c->seen[kNothing]) + sum(c->seen[kDamaged]),
-                sum(c->seen[kWhole]), sum(c->seen[kNothing]), sum(c->seen[kDamaged]));
+    std::printf(
+        "[ counts ] saves %ld (failed %ld); reads %ld: whole %ld, clean failures %ld, "
+        "damaged %ld\n",
+        sum(c->saves), sum(c->save_failures),
+        sum(c->seen[kWhole]) + sum(c->seen[kNothing]) + sum(c->seen[kDamaged]),
+        sum(c->seen[kWhole]), sum(c->seen[kNothing]), sum(c->seen[kDamaged]));
     EXPECT_EQ(sum(c->save_failures), 0);
     EXPECT_EQ(sum(c->seen[kDamaged]), 0);
     munmap(c, sizeof *c);
@@ -142,10 +146,11 @@ TEST_F(StressTest, ASaverKilledAtAnyMomentLeavesAWholeKeyOrNoneAndTheNextSaveWor
         read_back += same_pair(host_key(PKEY_ALG_ECDSA).get(), ec[round % 3]) &&
                      same_pair(host_key(PKEY_ALG_RSA).get(), rsa[round % 3]);
     }
-    std::printf("[ counts ] %d kills (seed %u): ecdsa whole %d / nothing %d / damaged %d, "
-                "rsa whole %d / nothing %d / damaged %d; next saves read back %d\n", kRounds, seed,
-                seen[0][kWhole], seen[0][kNothing], seen[0][kDamaged], seen[1][kWhole],
-                seen[1][kNothing], seen[1][kDamaged], read_back);
+    std::printf(
+        "[ counts ] %d kills (seed %u): ecdsa whole %d / nothing %d / damaged %d, "
+        "rsa whole %d / nothing %d / damaged %d; next saves read back %d\n",
+        kRounds, seed, seen[0][kWhole], seen[0][kNothing], seen[0][kDamaged], seen[1][kWhole],
+        seen[1][kNothing], seen[1][kDamaged], read_back);
     EXPECT_EQ(seen[0][kDamaged] + seen[1][kDamaged], 0);
     EXPECT_EQ(read_back, kRounds);
 }
@@ -153,7 +158,9 @@ TEST_F(StressTest, ASaverKilledAtAnyMomentLeavesAWholeKeyOrNoneAndTheNextSaveWor
 TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLastWritten) {
     constexpr int kProcs = 4, kOwn = 200, kShared = 6;
     const Pool keys = {ec[0], ec[1], ec[2], rsa[0]};  // one per process
-    struct Counts { long calls[kProcs], wrong[kProcs], found[kProcs], absent[kProcs]; };
+    struct Counts {
+        long calls[kProcs], wrong[kProcs], found[kProcs], absent[kProcs];
+    };
     Counts *c = shared_block<Counts>();
     ASSERT_NE(c, nullptr);
     auto shared = [](int s) { return "shared-" + std::to_string(s); };
@@ -212,9 +219,10 @@ TEST_F(StressTest, PeerStoreUnderMixedProcessesLosesNothingAndSharedNamesEndAsLa
     const std::vector<std::string> listed = pkey::test::peer_names();
     EXPECT_EQ(listed, expected);  // nothing lost, nothing left behind
     EXPECT_EQ(sum(c->wrong), 0);
-    std::printf("[ counts ] %d processes: %ld checked calls, %ld unexpected results; shared names "
-                "read %ld found / %ld absent; %zu records at the end\n", kProcs, sum(c->calls),
-                sum(c->wrong), sum(c->found), sum(c->absent), listed.size());
+    std::printf(
+        "[ counts ] %d processes: %ld checked calls, %ld unexpected results; shared names "
+        "read %ld found / %ld absent; %zu records at the end\n",
+        kProcs, sum(c->calls), sum(c->wrong), sum(c->found), sum(c->absent), listed.size());
     munmap(c, sizeof *c);
 }
 
@@ -226,7 +234,8 @@ TEST_F(StressTest, FipsLookupsAmongWritersNeverReturnARefusedKey) {
     constexpr int kWriters = 2, kReaders = 2, kRounds = 150;
     struct Counts {
         std::atomic<long> saved[kWriters];  // rounds each writer has finished
-        long lookups[kReaders], refused_seen[kReaders], in_flight_seen[kReaders], allowed_lost[kReaders];
+        long lookups[kReaders], refused_seen[kReaders], in_flight_seen[kReaders],
+            allowed_lost[kReaders];
     };
     Counts *c = shared_block<Counts>();
     ASSERT_NE(c, nullptr);
@@ -271,22 +280,23 @@ TEST_F(StressTest, FipsLookupsAmongWritersNeverReturnARefusedKey) {
     EXPECT_NE(EvpPkeyPtr(PKEY_GetUserKeyByName("a0-0")), nullptr);
     const std::vector<std::string> left = pkey::test::peer_names();  // after one more purge
     EXPECT_EQ(left.size(), static_cast<std::size_t>(kWriters * kRounds));
-    EXPECT_TRUE(std::all_of(left.begin(), left.end(), [](const std::string &n) { return n[0] == 'a'; }));
-    std::printf("[ counts ] %d writers, %d readers: %ld FIPS-mode lookups; refused keys returned: "
-                "%ld saved before, %ld being saved; %ld allowed keys lost; %zu records at the end\n",
-                kWriters, kReaders, sum(c->lookups), sum(c->refused_seen), sum(c->in_flight_seen),
-                sum(c->allowed_lost), left.size());
+    EXPECT_TRUE(
+        std::all_of(left.begin(), left.end(), [](const std::string &n) { return n[0] == 'a'; }));
+    std::printf(
+        "[ counts ] %d writers, %d readers: %ld FIPS-mode lookups; refused keys returned: "
+        "%ld saved before, %ld being saved; %ld allowed keys lost; %zu records at the end\n",
+        kWriters, kReaders, sum(c->lookups), sum(c->refused_seen), sum(c->in_flight_seen),
+        sum(c->allowed_lost), left.size());
     munmap(c, sizeof *c);
 }
 
 TEST_F(StressTest, SavedKeyFilesAndDirectoriesHaveTheirModesAndPlantedLinksAreNeverFollowed) {
     ASSERT_EQ(save_host(PKEY_ALG_ECDSA, ec[0]), 0);
     ASSERT_EQ(PKEY_LOCAL_SaveLocalKey(PKEY_ALG_RSA, PKEY_KEY_HOST, rsa[0], "perm-1"), 0);
-    for (const std::string &file : {dev("ecdsakey"), mem("ecdsakey"),
-                                    dev("pkey/rsa/perm-1.key"), mem("rsa/perm-1.key")})
+    for (const std::string &file :
+         {dev("ecdsakey"), mem("ecdsakey"), dev("pkey/rsa/perm-1.key"), mem("rsa/perm-1.key")})
         EXPECT_EQ(pkey::test::mode_of(file), 0660u) << file;
-    for (const std::string &dir : {dev("pkey"), dev("pkey/rsa"), mem(""),
-                                   mem("rsa")})
+    for (const std::string &dir : {dev("pkey"), dev("pkey/rsa"), mem(""), mem("rsa")})
         EXPECT_EQ(pkey::test::mode_of(dir), 0770u) << dir;
 
     // The link target holds a valid image of another key, so following it would show.

@@ -103,9 +103,7 @@ inline EvpPkeyPtr ec_public_of(const char *curve, const std::vector<unsigned cha
 }
 
 // A fresh EC key pair on any curve OpenSSL knows, by its short name.
-inline EvpPkeyPtr ec_key_on(const char *curve) {
-    return EvpPkeyPtr(EVP_EC_gen(curve));
-}
+inline EvpPkeyPtr ec_key_on(const char *curve) { return EvpPkeyPtr(EVP_EC_gen(curve)); }
 
 // Big-number parameter of a key as upper-case hex ("" when absent).
 inline std::string bn_param_hex(const EVP_PKEY *key, const char *name) {
@@ -129,9 +127,12 @@ inline EVP_PKEY *test_key(const std::string &name) {
     if (!key) {
         const std::string kind = name.substr(0, name.find('#'));
         const auto bits = [&] { return static_cast<unsigned int>(std::stoul(kind.substr(3))); };
-        if (kind[0] == 'p') key.reset(EVP_EC_gen(("P-" + kind.substr(1)).c_str()));
-        else if (kind.starts_with("rsa")) key.reset(PKEY_GenerateRSAKey(bits()));
-        else if (kind.starts_with("dsa")) key.reset(PKEY_GenerateDSAKey(bits()));
+        if (kind[0] == 'p')
+            key.reset(EVP_EC_gen(("P-" + kind.substr(1)).c_str()));
+        else if (kind.starts_with("rsa"))
+            key.reset(PKEY_GenerateRSAKey(bits()));
+        else if (kind.starts_with("dsa"))
+            key.reset(PKEY_GenerateDSAKey(bits()));
     }
     return key.get();
 }
@@ -141,11 +142,13 @@ inline EVP_PKEY *test_key(const std::string &name) {
 // data; the ECDSA part behind the key type name is curve identifier and point.
 inline void put_field(std::vector<unsigned char> &b, const std::vector<unsigned char> &data,
                       std::int64_t declared = -1) {
-    const auto len = static_cast<std::uint32_t>(declared < 0 ? std::int64_t(data.size()) : declared);
+    const auto len =
+        static_cast<std::uint32_t>(declared < 0 ? std::int64_t(data.size()) : declared);
     for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<unsigned char>(len >> s));
     b.insert(b.end(), data.begin(), data.end());
 }
-inline std::vector<unsigned char> ec_tail(const std::string &id, const std::vector<unsigned char> &point,
+inline std::vector<unsigned char> ec_tail(const std::string &id,
+                                          const std::vector<unsigned char> &point,
                                           std::int64_t declared = -1) {
     std::vector<unsigned char> b;
     put_field(b, std::vector<unsigned char>(id.begin(), id.end()));

@@ -85,7 +85,8 @@ inline std::map<std::string, std::string> tree_listing(const std::string &root,
                                                        const std::vector<std::string> &skip = {}) {
     namespace fsys = std::filesystem;
     std::map<std::string, std::string> out{{".", stat_line(root)}};
-    for (auto it = fsys::recursive_directory_iterator(root); it != fsys::recursive_directory_iterator(); ++it) {
+    for (auto it = fsys::recursive_directory_iterator(root);
+         it != fsys::recursive_directory_iterator(); ++it) {
         const std::string rel = it->path().string().substr(root.size() + 1);
         if (std::find(skip.begin(), skip.end(), rel) != skip.end()) {
             it.disable_recursion_pending();

@@ -106,7 +106,6 @@ int exit_code_within(Body body, std::chrono::seconds limit = std::chrono::second
     return kHung;
 }
 
-
 // What a program run by run_program did: its exit code (-1 killed by a
 // signal, -2 still running at the deadline and killed), and its output.
 struct ProgramResult {
@@ -148,7 +147,8 @@ inline ProgramResult run_program(const std::vector<std::string> &program_argv,
     int open_pipes = 2;
     bool timed_out = false;
     while (open_pipes > 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             timed_out = true;
             break;

@@ -37,7 +37,7 @@ TEST(RemoveCRLF, RemovesEveryBreakInPlaceKeepingOrder) {
 
 TEST(HexAsc2Bin, ConvertsDigitsOfEitherCaseAndZeroesTheRest) {
     const std::string digits = "0123456789abcdefABCDEF";
-    const unsigned char values[] = {0, 1, 2,  3,  4,  5,  6,  7,  8,  9,  10,
+    const unsigned char values[] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10,
                                     11, 12, 13, 14, 15, 10, 11, 12, 13, 14, 15};
     for (size_t i = 0; i < digits.size(); ++i) EXPECT_EQ(PKEY_HexAsc2Bin(digits[i]), values[i]);
     for (char c : {'g', 'G', ' ', '\0', '\n', '/', ':', '@', '`', static_cast<char>(0xE9)})
@@ -79,10 +79,9 @@ TEST(LenBeforeSeparator, CountsTheFirstTokenFromTheStart) {
         unsigned int expected;
     };
     const std::vector<Row> rows = {
-        {"", ' ', 0},          {"   ", ' ', 0},       {"ab", ' ', 2},
-        {"abc", ',', 3},       {"ab cd", ' ', 2},     {"  ab cd", ' ', 4},
-        {",,a,,b", ',', 3},    {"a", 'a', 0},         {"xay", 'a', 1},
-        {"\xFFz\xFF", '\xFF', 2},
+        {"", ' ', 0},      {"   ", ' ', 0},          {"ab", ' ', 2},     {"abc", ',', 3},
+        {"ab cd", ' ', 2}, {"  ab cd", ' ', 4},      {",,a,,b", ',', 3}, {"a", 'a', 0},
+        {"xay", 'a', 1},   {"\xFFz\xFF", '\xFF', 2},
     };
     for (const Row &r : rows)
         EXPECT_EQ(PKEY_LenBeforeSeparator(r.text, r.sep), r.expected) << '"' << r.text << '"';

@@ -15,7 +15,8 @@ namespace pkey {
 // The bytes as one line of standard Base64 with "=" padding, NUL-terminated,
 // in malloc'd memory; *chars gets the character count (without the NUL).
 // NULL when memory runs out or the bytes are too many to encode.
-inline MallocPtr<char> base64_line(std::span<const unsigned char> bytes, std::size_t *chars) noexcept {
+inline MallocPtr<char> base64_line(std::span<const unsigned char> bytes,
+                                   std::size_t *chars) noexcept {
     if (bytes.size() > static_cast<std::size_t>(INT_MAX) / 2) return nullptr;
     // EVP_EncodeBlock writes 4 * ceil(size / 3) characters and a NUL, within this.
     const std::size_t size = bytes.size() * 4 / 3 + 4;

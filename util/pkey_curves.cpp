@@ -30,7 +30,8 @@ const EVP_PKEY *curve_template(const Curve &curve) noexcept {
                 OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
                                                  const_cast<char *>(kCurves[i].short_name), 0),
                 OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
-                                                 const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP), 0),
+                                                 const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP),
+                                                 0),
                 OSSL_PARAM_construct_end()};
             made[i] = key_from_params("EC", EVP_PKEY_KEY_PARAMETERS, params).release();
         }

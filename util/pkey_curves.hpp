@@ -119,7 +119,8 @@ const EC_GROUP *group(int nid) noexcept;
 // A public EC key on the curve holding the encoded point, which must lie on
 // the curve; the key names its curve when encoded. NULL when OpenSSL refuses
 // the point.
-[[nodiscard]] EvpPkeyPtr public_key(const Curve &curve, std::span<const unsigned char> point) noexcept;
+[[nodiscard]] EvpPkeyPtr public_key(const Curve &curve,
+                                    std::span<const unsigned char> point) noexcept;
 
 // An EC SubjectPublicKeyInfo taken apart: the AlgorithmIdentifier's parameters
 // as encoded (tag and length included), which either name the curve (an OID)

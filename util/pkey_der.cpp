@@ -41,14 +41,16 @@ BignumPtr bignum(Bytes magnitude, bool secret) noexcept {
 
 // A key of type from named numbers; NULL when OpenSSL refuses them.
 template <std::size_t N>
-EvpPkeyPtr key_from_numbers(const char *type, int selection, const std::array<const char *, N> &names,
+EvpPkeyPtr key_from_numbers(const char *type, int selection,
+                            const std::array<const char *, N> &names,
                             const std::array<Bytes, N> &values) noexcept {
     ParamBldPtr bld(OSSL_PARAM_BLD_new());
     std::array<BignumPtr, N> bns;
     if (!bld) return nullptr;
     for (std::size_t i = 0; i < N; ++i) {
         bns[i] = bignum(values[i], false);
-        if (!bns[i] || OSSL_PARAM_BLD_push_BN(bld.get(), names[i], bns[i].get()) != 1) return nullptr;
+        if (!bns[i] || OSSL_PARAM_BLD_push_BN(bld.get(), names[i], bns[i].get()) != 1)
+            return nullptr;
     }
     return key_from_builder(type, selection, bld.get());
 }
@@ -71,7 +73,8 @@ EvpPkeyPtr fast_public_key(Bytes der) noexcept {
             !key.read(kSequence, key_bytes) || !key.empty())
             return nullptr;
         DerReader numbers(key_bytes);
-        if (!numbers.read_positive_integer(n) || !numbers.read_positive_integer(e) || !numbers.empty())
+        if (!numbers.read_positive_integer(n) || !numbers.read_positive_integer(e) ||
+            !numbers.empty())
             return nullptr;
         return key_from_numbers<2>("RSA", EVP_PKEY_PUBLIC_KEY,
                                    {OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E}, {n, e});

@@ -15,7 +15,8 @@ constexpr const char *kMemRoot = "/var/run";
 }  // namespace
 
 int node_mem_root(unsigned int node, char *out, std::size_t cap) noexcept {
-    return FS_GetNodePathName(kMemRoot, node, static_cast<unsigned int>(std::min<std::size_t>(cap, UINT_MAX)), out);
+    return FS_GetNodePathName(kMemRoot, node,
+                              static_cast<unsigned int>(std::min<std::size_t>(cap, UINT_MAX)), out);
 }
 
 int mem_root(char *out, std::size_t cap) noexcept {

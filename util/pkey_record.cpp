@@ -72,9 +72,9 @@ bool new_header(std::uint32_t length, Header &out) noexcept {
 
 bool write_header(const Header &h, ByteWriter &out) noexcept {
     return out.put_u32(h.length) && out.put_u32(h.marker) && out.commit(kKindAndNameLen) &&
-           out.put_u16(h.year) && out.put_u8(h.month) && out.put_u8(h.day) &&
-           out.put_u16(h.hour) && out.put_u8(h.minute) && out.put_u8(h.second) &&
-           out.put_u8(h.protection) && out.put_u8(h.version);
+           out.put_u16(h.year) && out.put_u8(h.month) && out.put_u8(h.day) && out.put_u16(h.hour) &&
+           out.put_u8(h.minute) && out.put_u8(h.second) && out.put_u8(h.protection) &&
+           out.put_u8(h.version);
 }
 
 void stamp_kind_and_name(std::span<unsigned char> record, std::uint8_t kind,

@@ -50,7 +50,8 @@ using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
 
 // A key of an OpenSSL key type ("RSA", "DSA", "EC") made from parameters;
 // selection as for EVP_PKEY_fromdata. NULL on any failure.
-[[nodiscard]] inline EvpPkeyPtr key_from_params(const char *type, int selection, const OSSL_PARAM *params) noexcept {
+[[nodiscard]] inline EvpPkeyPtr key_from_params(const char *type, int selection,
+                                                const OSSL_PARAM *params) noexcept {
     EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
     EVP_PKEY *key = nullptr;
     if (params == nullptr || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
@@ -60,7 +61,8 @@ using ParamsPtr = std::unique_ptr<OSSL_PARAM, FnDeleter<OSSL_PARAM_free>>;
 }
 
 // The same from the parameters pushed on a builder.
-[[nodiscard]] inline EvpPkeyPtr key_from_builder(const char *type, int selection, OSSL_PARAM_BLD *bld) noexcept {
+[[nodiscard]] inline EvpPkeyPtr key_from_builder(const char *type, int selection,
+                                                 OSSL_PARAM_BLD *bld) noexcept {
     ParamsPtr params(bld != nullptr ? OSSL_PARAM_BLD_to_param(bld) : nullptr);
     return key_from_params(type, selection, params.get());
 }
@@ -167,7 +169,8 @@ class ByteReader {
 public:
     ByteReader() noexcept = default;
     ByteReader(const unsigned char *data, std::size_t len) noexcept : p_(data), left_(len) {}
-    explicit ByteReader(std::span<const unsigned char> s) noexcept : p_(s.data()), left_(s.size()) {}
+    explicit ByteReader(std::span<const unsigned char> s) noexcept
+        : p_(s.data()), left_(s.size()) {}
 
     std::size_t remaining() const noexcept { return left_; }
     const unsigned char *position() const noexcept { return p_; }

@@ -102,7 +102,8 @@ SshKeyPtr host_key(int evp_type) {
     pkey::EvpPkeyPtr key(PKEY_GetHostKey(evp_type, ""));
     if (!key) return nullptr;
     std::unique_ptr<BIO, pkey::FnDeleter<BIO_free>> bio(BIO_new(BIO_s_secmem()));
-    if (!bio || PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
+    if (!bio ||
+        PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
         return nullptr;
     char *data = nullptr;
     const long len = BIO_get_mem_data(bio.get(), &data);
@@ -160,7 +161,8 @@ struct Session {
 
 int on_auth_pubkey(ssh_session, const char *user, ssh_key_struct *pubkey, char state, void *data) {
     auto *s = static_cast<Session *>(data);
-    if (state != SSH_PUBLICKEY_STATE_NONE && state != SSH_PUBLICKEY_STATE_VALID) return SSH_AUTH_DENIED;
+    if (state != SSH_PUBLICKEY_STATE_NONE && state != SSH_PUBLICKEY_STATE_VALID)
+        return SSH_AUTH_DENIED;
     const std::string why = refusal(user, pubkey);
     if (!why.empty()) {
         s->last_refusal = std::string("user ") + user + " key " + fingerprint(pubkey) + ": " + why;
@@ -181,10 +183,14 @@ int on_shell(ssh_session, ssh_channel, void *data) {
     return SSH_OK;
 }
 
-int on_exec(ssh_session, ssh_channel, const char *, void *data) { return on_shell(nullptr, nullptr, data); }
+int on_exec(ssh_session, ssh_channel, const char *, void *data) {
+    return on_shell(nullptr, nullptr, data);
+}
 
 // Everything else a client may ask of the channel is refused.
-int refuse_pty(ssh_session, ssh_channel, const char *, int, int, int, int, void *) { return SSH_ERROR; }
+int refuse_pty(ssh_session, ssh_channel, const char *, int, int, int, int, void *) {
+    return SSH_ERROR;
+}
 int refuse_env(ssh_session, ssh_channel, const char *, const char *, void *) { return SSH_ERROR; }
 int refuse_subsystem(ssh_session, ssh_channel, const char *, void *) { return SSH_ERROR; }
 
@@ -212,7 +218,8 @@ std::string serve(int fd, const std::string &peer) {
     // (OpenSSH clients no longer accept ssh-dss).
     for (int type : {EVP_PKEY_EC, EVP_PKEY_RSA}) {
         SshKeyPtr key = host_key(type);
-        if (key && ssh_bind_options_set(bind.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) == SSH_OK) {
+        if (key &&
+            ssh_bind_options_set(bind.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) == SSH_OK) {
             (void)key.release();  // the bind owns it now
             ++loaded;
         }
@@ -235,7 +242,8 @@ std::string serve(int fd, const std::string &peer) {
     ssh_set_auth_methods(ssh.get(), SSH_AUTH_METHOD_PUBLICKEY);
 
     std::unique_ptr<ssh_event_struct, void (*)(ssh_event)> event(ssh_event_new(), ssh_event_free);
-    if (!event || ssh_event_add_session(event.get(), ssh.get()) != SSH_OK) return "event loop failed";
+    if (!event || ssh_event_add_session(event.get(), ssh.get()) != SSH_OK)
+        return "event loop failed";
     // Serve until the line has gone out and the client has closed its end
     // of the channel (or the connection), so nothing is cut off.
     for (;;) {
@@ -274,7 +282,8 @@ int listen_on(const Options &o, int &port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     if (fd < 0 || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || ::listen(fd, 64) != 0) {
+        ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+        ::listen(fd, 64) != 0) {
         log_line(std::string("cannot listen on ") + o.listen + ":" + std::to_string(o.port) + ": " +
                  std::strerror(errno));
         if (fd >= 0) ::close(fd);

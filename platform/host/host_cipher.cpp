@@ -90,9 +90,7 @@ bool create_key_file(const std::string &root, const std::string &path, SecureBuf
     }
 
     switch (publish_new_file(root, "device.key", fresh.data(), kDeviceKeyLen, 0600, why)) {
-        case Publish::kDone:
-            key = std::move(fresh);
-            return true;
+        case Publish::kDone: key = std::move(fresh); return true;
         case Publish::kFailed: return false;
         case Publish::kExists: break;  // another process made it first: use that one
     }
@@ -110,8 +108,7 @@ const unsigned char *device_key_locked() {
     SecureBuffer key;
     std::string why;
     switch (read_key_file(path, key, why)) {
-        case KeyFile::kLoaded:
-            break;
+        case KeyFile::kLoaded: break;
         case KeyFile::kMissing:
             if (!create_key_file(store.root, path, key, why)) {
                 record_error(why);

@@ -185,7 +185,8 @@ private:
         if (!exec("BEGIN IMMEDIATE")) return false;
         const bool has_stamp =
             count_of("SELECT count(*) FROM pragma_table_info('records') WHERE name = 'stamp'") == 1;
-        if ((has_stamp || exec("ALTER TABLE records ADD COLUMN stamp INTEGER NOT NULL DEFAULT 0")) &&
+        if ((has_stamp ||
+             exec("ALTER TABLE records ADD COLUMN stamp INTEGER NOT NULL DEFAULT 0")) &&
             exec(kTrackingSql) && exec("COMMIT"))
             return true;
         (void)sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
@@ -204,7 +205,8 @@ private:
     bool exec(const char *sql) {
         // The busy handler covers most contention; a statement that still
         // reports busy (as journal-mode changes can) is simply run again.
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
         for (;;) {
             const int rc = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
             if (rc == SQLITE_OK) return true;
@@ -234,7 +236,8 @@ public:
 
     // One step; a busy result that got past the busy handler is retried.
     int step() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
         for (;;) {
             const int rc = sqlite3_step(s_);
             if ((rc & 0xFF) != SQLITE_BUSY && (rc & 0xFF) != SQLITE_LOCKED) return rc;
@@ -251,7 +254,7 @@ private:
 struct Handle {
     std::string db_name;
     int mode = 0;
-    int writes = 0;       // writes made through this handle
+    int writes = 0;         // writes made through this handle
     bool in_batch = false;  // its writes run in the connection's open transaction
 };
 
@@ -419,8 +422,8 @@ int DBM_Open(const char *dbName, const char *tableName, int mode, const DBM_OPEN
              int *handle) {
     (void)options;
     return pkey::c_boundary(DBM_ERR_IO, [&] {
-        if (!valid_db_name(dbName) || tableName == nullptr || handle == nullptr ||
-            mode <= 0 || (mode & ~kAllModes) != 0)
+        if (!valid_db_name(dbName) || tableName == nullptr || handle == nullptr || mode <= 0 ||
+            (mode & ~kAllModes) != 0)
             return DBM_ERR_PARAM;
         std::lock_guard lock(g_dbm_mutex);
         if (!sync_state() || connection_for(dbName) == nullptr) return DBM_ERR_IO;
@@ -564,7 +567,8 @@ unsigned int DBM_GetKeysByValueType(int handle, unsigned int capacity, unsigned 
         sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(capacity));
 
         unsigned int filled = 0;
-        if (!collect_keys(use, s, capacity, *it, entries, filled, nullptr)) t.conn->fail("a listing");
+        if (!collect_keys(use, s, capacity, *it, entries, filled, nullptr))
+            t.conn->fail("a listing");
         return filled;
     });
 }
@@ -597,7 +601,8 @@ int DBM_GetKeysChangedSince(int handle, DBM_STAMP since, unsigned int capacity,
         auto owned = std::make_unique<KeyIterator>();
         KeyIterator *it = owned.get();
         *iterator = owned.release();  // the caller frees it, filled or not
-        if (entries == nullptr || last == nullptr || capacity > static_cast<unsigned int>(INT32_MAX) ||
+        if (entries == nullptr || last == nullptr ||
+            capacity > static_cast<unsigned int>(INT32_MAX) ||
             since > static_cast<DBM_STAMP>(INT64_MAX))
             return -1;
         *last = since;

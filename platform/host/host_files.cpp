@@ -62,8 +62,9 @@ void sync_dir(const std::string &dir) {
     ::close(fd);
 }
 
-std::string write_temp_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
-                            std::size_t len, mode_t mode, std::string &why) {
+std::string write_temp_file(const std::string &dir, const std::string &name,
+                            const unsigned char *bytes, std::size_t len, mode_t mode,
+                            std::string &why) {
     std::string temp = dir + "/." + name + ".XXXXXX";
     const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
     if (fd < 0) {
@@ -82,8 +83,9 @@ std::string write_temp_file(const std::string &dir, const std::string &name, con
     return temp;
 }
 
-Publish publish_new_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
-                         std::size_t len, mode_t mode, std::string &why) {
+Publish publish_new_file(const std::string &dir, const std::string &name,
+                         const unsigned char *bytes, std::size_t len, mode_t mode,
+                         std::string &why) {
     const std::string temp = write_temp_file(dir, name, bytes, len, mode, why);
     if (temp.empty()) return Publish::kFailed;
     const std::string path = dir + "/" + name;

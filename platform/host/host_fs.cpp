@@ -279,7 +279,6 @@ bool analyse(std::string_view name, const std::string &root, Analysis &a) {
     return true;
 }
 
-
 // ---------------------------------------------------------------------------
 // The store's own files, which no user file operation may touch.
 
@@ -339,12 +338,9 @@ bool anchor_covers(const Anchor &a, const Parts &path) {
     if (!has_prefix(path, a.parts)) return false;
     const std::size_t at = a.parts.size();
     switch (a.kind) {
-        case Anchor::kDb:
-            return true;
-        case Anchor::kFlash:
-            return flash_tail_is_store(path, at);
-        case Anchor::kRun:
-            return run_tail_is_store(path, at);
+        case Anchor::kDb: return true;
+        case Anchor::kFlash: return flash_tail_is_store(path, at);
+        case Anchor::kRun: return run_tail_is_store(path, at);
         case Anchor::kNode:
             if (at == path.size()) return true;
             if (path[at] == kFlashDevice) return flash_tail_is_store(path, at + 1);
@@ -394,7 +390,8 @@ bool is_store_path(const std::string &root, const Parts &path) {
         if (at + 1 == path.size() && is_root_file_name(path[at])) return true;
         if (path[at] == "db") return true;
         if (is_node_name(path[at])) {
-            const Anchor node{Anchor::kNode, Parts(path.begin(), path.begin() + static_cast<long>(at + 1))};
+            const Anchor node{Anchor::kNode,
+                              Parts(path.begin(), path.begin() + static_cast<long>(at + 1))};
             if (anchor_covers(node, path)) return true;
         }
     }
@@ -502,16 +499,18 @@ using namespace pkey::host;
 extern "C" {
 
 int FS_GetNodeDefaultWorkDir(unsigned int node, unsigned int size, char *out) {
-    return pkey::c_boundary(kFsErrParam, [&] { return put_node_path(node, kFlashDevice, size, out); });
+    return pkey::c_boundary(kFsErrParam,
+                            [&] { return put_node_path(node, kFlashDevice, size, out); });
 }
 
 int FS_GetLocalDefaultWorkDir(unsigned int size, char *out) {
-    return pkey::c_boundary(kFsErrParam,
-                            [&] { return put_node_path(settings_self_node(), kFlashDevice, size, out); });
+    return pkey::c_boundary(
+        kFsErrParam, [&] { return put_node_path(settings_self_node(), kFlashDevice, size, out); });
 }
 
 int FS_GetDefaultWorkDirBySlot(unsigned int slot, unsigned int size, char *out) {
-    return pkey::c_boundary(kFsErrParam, [&] { return put_node_path(slot, kFlashDevice, size, out); });
+    return pkey::c_boundary(kFsErrParam,
+                            [&] { return put_node_path(slot, kFlashDevice, size, out); });
 }
 
 int FS_GetNodePathName(const char *path, unsigned int node, unsigned int size, char *out) {

@@ -26,11 +26,11 @@ inline constexpr unsigned int kCipherErrKey = 0x50020004U;      // device key un
 inline constexpr unsigned int kCipherErrCrypto = 0x50020005U;   // OpenSSL refused the work
 
 // Error codes of the FS_ services.
-inline constexpr int kFsErrParam = 0x50030001;     // NULL pointer, zero size
-inline constexpr int kFsErrSpace = 0x50030002;     // result does not fit the buffer
-inline constexpr int kFsErrNoStore = 0x50030003;   // no store root could be opened
-inline constexpr int kFsErrName = 0x50030004;      // malformed or relative file name
-inline constexpr int kFsErrStore = 0x50030005;     // the name lands on the store's own files
+inline constexpr int kFsErrParam = 0x50030001;    // NULL pointer, zero size
+inline constexpr int kFsErrSpace = 0x50030002;    // result does not fit the buffer
+inline constexpr int kFsErrNoStore = 0x50030003;  // no store root could be opened
+inline constexpr int kFsErrName = 0x50030004;     // malformed or relative file name
+inline constexpr int kFsErrStore = 0x50030005;    // the name lands on the store's own files
 
 // Format version byte and layout of a key-file cipher region.
 inline constexpr unsigned char kCipherVersion = 1;
@@ -72,14 +72,16 @@ std::string errno_text(int err);
 void sync_dir(const std::string &dir);
 // Writes bytes, synced, to a new "<dir>/.<name>.XXXXXX" of the given mode; its
 // path, or "" with why set.
-[[nodiscard]] std::string write_temp_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
-                            std::size_t len, mode_t mode, std::string &why);
+[[nodiscard]] std::string write_temp_file(const std::string &dir, const std::string &name,
+                                          const unsigned char *bytes, std::size_t len, mode_t mode,
+                                          std::string &why);
 // Publishes <dir>/<name> whole: written beside its place, then link()ed to
 // its name, so that a racing process sees no file or a complete one.
 // kExists when another process published first (its file stands).
 enum class Publish { kDone, kExists, kFailed };
-[[nodiscard]] Publish publish_new_file(const std::string &dir, const std::string &name, const unsigned char *bytes,
-                         std::size_t len, mode_t mode, std::string &why);
+[[nodiscard]] Publish publish_new_file(const std::string &dir, const std::string &name,
+                                       const unsigned char *bytes, std::size_t len, mode_t mode,
+                                       std::string &why);
 
 // Checks <root>/settings as an open does: verifies it, migrates an older
 // layout, and (with create) makes a missing file with the defaults. On

@@ -96,8 +96,8 @@ SettingsMap g_settings;  // guarded by g_settings_mutex
 bool map_settings(const std::string &root, SettingsMap &out, std::string &why) {
     SettingsFile file;
     if (!open_settings(root, false, file, why)) return false;
-    void *p = ::mmap(nullptr, sizeof(MappedSettings), PROT_READ | PROT_WRITE, MAP_SHARED,
-                     file.fd(), 0);
+    void *p =
+        ::mmap(nullptr, sizeof(MappedSettings), PROT_READ | PROT_WRITE, MAP_SHARED, file.fd(), 0);
     if (p == MAP_FAILED) {
         const int err = errno;
         why = "cannot map " + root + "/settings: " + errno_text(err);

@@ -92,8 +92,8 @@ bool checksum(const unsigned char *bytes, unsigned char out[kChecksumLen]) {
 // "" when every value is one the services can act on, else the first that is not.
 std::string out_of_range(const Values &v) {
     const auto tell = [](const char *what, long long value) {
-        return std::string("damaged (value out of range: ") + what + " " +
-               std::to_string(value) + ")";
+        return std::string("damaged (value out of range: ") + what + " " + std::to_string(value) +
+               ")";
     };
     if (v.fips < -1 || v.fips > 1) return tell("fips mode", v.fips);
     if (v.self_node > 0xFFFF) return tell("self node", v.self_node);
@@ -194,8 +194,8 @@ Kind classify(const unsigned char *b, std::size_t size, Values &v, std::string &
         return Kind::kRefused;
     }
     if (get_le32(b) == kMagic || magic == kMagic) {
-        cause = "unknown version " +
-                std::to_string(get_le32(b) == kMagic ? get_le32(b + 4) : version);
+        cause =
+            "unknown version " + std::to_string(get_le32(b) == kMagic ? get_le32(b + 4) : version);
         return Kind::kRefused;
     }
     cause = "damaged (bad magic)";
@@ -223,7 +223,8 @@ bool create_settings(const std::string &root, const std::string &path, std::stri
         why = "cannot write " + path + ": no SHA-256 available";
         return false;
     }
-    return publish_new_file(root, "settings", bytes.data(), bytes.size(), 0660, why) != Publish::kFailed;
+    return publish_new_file(root, "settings", bytes.data(), bytes.size(), 0660, why) !=
+           Publish::kFailed;
 }
 
 // Replaces a version-1 file (locked by the caller) with its version-2 form.
@@ -234,7 +235,8 @@ bool migrate_settings(const std::string &root, const std::string &path, const Va
         why = "cannot write " + path + ": no SHA-256 available";
         return false;
     }
-    const std::string temp = write_temp_file(root, "settings", bytes.data(), bytes.size(), mode, why);
+    const std::string temp =
+        write_temp_file(root, "settings", bytes.data(), bytes.size(), mode, why);
     if (temp.empty()) return false;
     if (::rename(temp.c_str(), path.c_str()) != 0) {
         const int err = errno;
@@ -373,9 +375,7 @@ bool open_settings(const std::string &root, bool create, SettingsFile &out, std:
             case Kind::kVersion1:
                 if (!migrate_settings(root, path, values, st.st_mode & 0777, why)) return false;
                 continue;
-            case Kind::kRefused:
-                why = settings_refusal(path, cause);
-                return false;
+            case Kind::kRefused: why = settings_refusal(path, cause); return false;
         }
         return true;
     }

@@ -98,7 +98,8 @@ private:
 // Opens and verifies <root>/settings under the exclusive lock, migrating a
 // version-1 file first. With create, a missing file is made with the
 // defaults; it appears complete or not at all. False with why set otherwise.
-[[nodiscard]] bool open_settings(const std::string &root, bool create, SettingsFile &out, std::string &why);
+[[nodiscard]] bool open_settings(const std::string &root, bool create, SettingsFile &out,
+                                 std::string &why);
 
 // Verifies size bytes of a version-2 file; on failure why names the cause
 // ("damaged (checksum mismatch)").

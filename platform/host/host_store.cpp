@@ -30,9 +30,9 @@ enum class StoreState { kUnopened, kOpen, kFailed };
 std::mutex g_store_mutex;
 // Guarded by g_store_mutex:
 StoreState g_state = StoreState::kUnopened;
-std::string g_root;              // when kOpen
-std::string g_failure;           // when kFailed: why there is no usable store
-std::uint64_t g_generation = 0;  // bumped at every open, failed or not
+std::string g_root;                                    // when kOpen
+std::string g_failure;                                 // when kFailed: why there is no usable store
+std::uint64_t g_generation = 0;                        // bumped at every open, failed or not
 std::atomic<std::uint64_t> g_published_generation{0};  // g_generation, readable without the mutex
 
 thread_local std::string t_last_error;
@@ -174,7 +174,8 @@ int process_id() noexcept {
     pid_t pid = g_pid.load(std::memory_order_relaxed);
     if (pid == 0) {
         static std::once_flag registered;
-        std::call_once(registered, [] { (void)::pthread_atfork(nullptr, nullptr, refresh_pid_in_child); });
+        std::call_once(registered,
+                       [] { (void)::pthread_atfork(nullptr, nullptr, refresh_pid_in_child); });
         pid = ::getpid();
         g_pid.store(pid, std::memory_order_relaxed);
     }

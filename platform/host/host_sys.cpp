@@ -16,14 +16,10 @@ extern "C" {
 
 const char *RC_LoadString(unsigned int messageId) {
     switch (messageId) {
-        case 0x060C0032U:
-            return "Error: The key code is not a valid public key.\r\n";
-        case 0x060C003BU:
-            return "Error: The key size is not supported.\r\n";
-        case 0x060C003CU:
-            return "Error: The public key could not be saved.\r\n";
-        default:
-            return "";
+        case 0x060C0032U: return "Error: The key code is not a valid public key.\r\n";
+        case 0x060C003BU: return "Error: The key size is not supported.\r\n";
+        case 0x060C003CU: return "Error: The public key could not be saved.\r\n";
+        default: return "";
     }
 }
 

@@ -412,19 +412,20 @@ TEST_F(ConfigDatabase, WritesOfOneProcessAreSeenByAnotherOnceItsHandleIsClosed) 
     int h = db_open(DBM_MODE_WRITE | DBM_MODE_DELETE);
     ASSERT_EQ(db_set(h, "parent", "p"), DBM_OK);
     DBM_Close(h);
-    EXPECT_EQ(exit_code(spawn([] {
-                  int c = -1;
-                  if (DBM_Open(kDb, kDb, DBM_MODE_READ, &kDbOptions, &c) != DBM_OK) return 1;
-                  const bool seen = db_get(c, "parent") == "p";
-                  DBM_Close(c);
-                  if (!seen) return 2;
-                  if (DBM_Open(kDb, kDb, DBM_MODE_WRITE | DBM_MODE_DELETE, &kDbOptions, &c) != DBM_OK)
-                      return 3;
-                  const int r = db_set(c, "child", "c");
-                  DBM_Close(c);
-                  return r == DBM_OK ? 0 : 4;
-              })),
-              0);
+    EXPECT_EQ(
+        exit_code(spawn([] {
+            int c = -1;
+            if (DBM_Open(kDb, kDb, DBM_MODE_READ, &kDbOptions, &c) != DBM_OK) return 1;
+            const bool seen = db_get(c, "parent") == "p";
+            DBM_Close(c);
+            if (!seen) return 2;
+            if (DBM_Open(kDb, kDb, DBM_MODE_WRITE | DBM_MODE_DELETE, &kDbOptions, &c) != DBM_OK)
+                return 3;
+            const int r = db_set(c, "child", "c");
+            DBM_Close(c);
+            return r == DBM_OK ? 0 : 4;
+        })),
+        0);
     h = db_open(DBM_MODE_READ);
     EXPECT_EQ(db_get(h, "child"), "c");
     EXPECT_EQ(DBM_GetKeyNumByValueType(h, kPeerType), 2u);
@@ -455,10 +456,12 @@ protected:
         for (;;) {
             std::vector<DBM_KEY_ENTRY_S> entries(capacity);
             DBM_ITERATOR it = nullptr;
-            const int n = DBM_GetKeysChangedSince(h, since, capacity, kPeerType, &it, entries.data(), last);
+            const int n =
+                DBM_GetKeysChangedSince(h, since, capacity, kPeerType, &it, entries.data(), last);
             EXPECT_GE(n, 0);
             for (int i = 0; i < std::min(n, static_cast<int>(capacity)); ++i)
-                out.emplace_back(entries[static_cast<std::size_t>(i)].pcKey, entries[static_cast<std::size_t>(i)].uiKeyLen);
+                out.emplace_back(entries[static_cast<std::size_t>(i)].pcKey,
+                                 entries[static_cast<std::size_t>(i)].uiKeyLen);
             DBM_FreeIterator(it);
             if (n < static_cast<int>(capacity)) return out;
             EXPECT_GT(*last, since);
@@ -472,15 +475,15 @@ TEST_F(ChangeTracking, EachWriteOrDeleteOfATypeCountsOnceForThatTypeAlone) {
     const DBM_STAMP start = stamp(h), other = stamp(h, 2);
     ASSERT_EQ(db_set(h, "a", "1"), DBM_OK);
     ASSERT_EQ(db_set(h, "b", "1"), DBM_OK);
-    ASSERT_EQ(db_set(h, "a", "2"), DBM_OK);   // a replacement counts too
+    ASSERT_EQ(db_set(h, "a", "2"), DBM_OK);  // a replacement counts too
     EXPECT_EQ(stamp(h), start + 3);
     ASSERT_EQ(db_set(h, std::string("\0mark", 5), "x", -1, 2), DBM_OK);
-    EXPECT_EQ(stamp(h), start + 3);            // another type's write does not
+    EXPECT_EQ(stamp(h), start + 3);  // another type's write does not
     EXPECT_EQ(stamp(h, 2), other + 1);
     EXPECT_EQ(db_delete(h, "b"), DBM_OK);
     EXPECT_EQ(db_delete(h, "b"), DBM_ERR_NOT_FOUND);  // nothing deleted, nothing counted
     EXPECT_EQ(stamp(h), start + 4);
-    ASSERT_EQ(db_set(h, "a", "3", -1, 2), DBM_OK);     // moving a record counts for both types
+    ASSERT_EQ(db_set(h, "a", "3", -1, 2), DBM_OK);  // moving a record counts for both types
     EXPECT_EQ(stamp(h), start + 5);
     EXPECT_EQ(stamp(h, 2), other + 2);
     DBM_Close(h);
@@ -506,7 +509,8 @@ TEST_F(ChangeTracking, ChangedKeysComeInWriteOrderAPageAtATime) {
     // The counts belong to the database: another process and a reopened store see them.
     EXPECT_EQ(exit_code(spawn([] {
                   int c = -1;
-                  if (DBM_Open(kDb, kDb, DBM_MODE_READ | DBM_MODE_WRITE, &kDbOptions, &c) != DBM_OK) return 1;
+                  if (DBM_Open(kDb, kDb, DBM_MODE_READ | DBM_MODE_WRITE, &kDbOptions, &c) != DBM_OK)
+                      return 1;
                   const int r = db_set(c, "child", "c");
                   DBM_Close(c);
                   return r == DBM_OK ? 0 : 2;

@@ -126,11 +126,11 @@ struct StoredKey {
     unsigned int kind = 0;  // PKEY_KEY_HOST or PKEY_KEY_SERVER
     std::string name;       // "" for the default key of the kind
     bool readable = false;
-    std::string problem;    // why it cannot be read, when it cannot
+    std::string problem;  // why it cannot be read, when it cannot
     unsigned int bits = 0;
-    std::string created;    // "HH:MM:SS YYYY/MM/DD"
+    std::string created;  // "HH:MM:SS YYYY/MM/DD"
     unsigned char protection = 0;
-    pkey::EvpPkeyPtr key;   // the key pair, when readable
+    pkey::EvpPkeyPtr key;  // the key pair, when readable
 
     // "hostkey(default)", "serverkey(default)" or the name, printable.
     std::string display() const;

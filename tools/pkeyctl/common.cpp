@@ -11,19 +11,17 @@
 
 #include "cli.hpp"
 #include "host_platform.h"
+#include "pkey_curves.hpp"
 #include "pkey_local.h"
 #include "pkey_peer.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
-#include "pkey_curves.hpp"
 
 namespace pkeyctl {
 namespace {
 
 const std::vector<Algorithm> kAlgorithms = {
-    {"rsa", EVP_PKEY_RSA, PKEY_ALG_RSA},
-    {"dsa", EVP_PKEY_DSA, PKEY_ALG_DSA},
-    {"ecdsa", EVP_PKEY_EC, PKEY_ALG_ECDSA}};
+    {"rsa", EVP_PKEY_RSA, PKEY_ALG_RSA}, {"dsa", EVP_PKEY_DSA, PKEY_ALG_DSA}, {"ecdsa", EVP_PKEY_EC, PKEY_ALG_ECDSA}};
 // The SSH curves of the library's curve table, named as SSH names them and,
 // for the command line, without the "nist" prefix.
 const std::vector<Curve> kCurves = [] {
@@ -44,8 +42,8 @@ std::vector<unsigned char> ssh_blob(EVP_PKEY *key) {
     if (!b64) return {};
     const size_t text_len = std::strlen(b64.get());
     std::vector<unsigned char> blob(text_len);
-    int n = EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(b64.get()),
-                            static_cast<int>(text_len));
+    int n =
+        EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(b64.get()), static_cast<int>(text_len));
     if (n < 0) return {};
     for (size_t i = text_len; i > 0 && b64.get()[i - 1] == '='; --i) --n;  // padding
     blob.resize(static_cast<size_t>(n));
@@ -66,8 +64,7 @@ int failure(const std::string &what, const std::string &why) {
 
 int check_local_name(const std::string &name) {
     if (name.size() > PKEY_KEY_NAME_MAX || PKEY_CheckLocalKeyName(name.c_str()) != 0)
-        return usage_error("bad key name '" + printable(name) +
-                           "': a key name has 1 to 64 letters, digits and '-'");
+        return usage_error("bad key name '" + printable(name) + "': a key name has 1 to 64 letters, digits and '-'");
     return kOk;
 }
 
@@ -168,10 +165,8 @@ std::string key_code_display(EVP_PKEY *key) {
     unsigned char *der = nullptr;
     const int len = i2d_PUBKEY(key, &der);
     pkey::OpensslPtr<> owner(der);
-    pkey::MallocPtr<char> text(len > 0 ? PKEY_PUBKEY_DER2BdrnBuf(der, static_cast<unsigned>(len))
-                                       : nullptr);
-    return std::string("public-key-code begin") + (text ? text.get() : "\r\n") +
-           "public-key-code end\r\n";
+    pkey::MallocPtr<char> text(len > 0 ? PKEY_PUBKEY_DER2BdrnBuf(der, static_cast<unsigned>(len)) : nullptr);
+    return std::string("public-key-code begin") + (text ? text.get() : "\r\n") + "public-key-code end\r\n";
 }
 
 std::string json_string(std::string_view text) {

@@ -1,8 +1,8 @@
 // pkeyctl local ...: the device's own key pairs.
 #include <unistd.h>
 
-#include <atomic>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -137,7 +137,8 @@ int local_create(const Args &a) {
 
     HOST_ClearError();
     if (with_progress(label, [&] { return PKEY_LOCAL_GenerateKey(&request); }) != 0)
-        return failure(what("create", *alg), "key " + shown + " was not stored: " + write_problem(*alg, PKEY_KEY_HOST, name));
+        return failure(what("create", *alg),
+                       "key " + shown + " was not stored: " + write_problem(*alg, PKEY_KEY_HOST, name));
     std::printf("%s %s key %s\n", old ? "replaced" : "created", alg->name, shown.c_str());
     if (alg->alg_id == PKEY_ALG_RSA && name.empty() && CRYPTO_FIPSIsEnabled() != 1) {
         pkey::EvpPkeyPtr server(PKEY_GetServerKey(EVP_PKEY_RSA, ""));
@@ -166,8 +167,8 @@ int local_list(const Args &a) {
         for (size_t i = 0; i < keys.size(); ++i) {
             const StoredKey &k = keys[i];
             const std::string shown = k.name.empty() ? PKEY_FS_GetPKEYDefaultKeyName(k.alg->alg_id, k.kind) : k.name;
-            std::printf("%s\n  {\"name\": %s, \"default\": %s, \"kind\": \"%s\", \"algorithm\": \"%s\", ",
-                        i ? "," : "", json_string(shown).c_str(), k.name.empty() ? "true" : "false",
+            std::printf("%s\n  {\"name\": %s, \"default\": %s, \"kind\": \"%s\", \"algorithm\": \"%s\", ", i ? "," : "",
+                        json_string(shown).c_str(), k.name.empty() ? "true" : "false",
                         k.kind == PKEY_KEY_SERVER ? "server" : "host", k.alg->name);
             if (!k.readable) {
                 std::printf("\"readable\": false, \"problem\": %s}", json_string(k.problem).c_str());
@@ -196,8 +197,8 @@ int local_list(const Args &a) {
     std::fflush(stdout);
     if (!errors.empty()) return failure("local list", errors.front());
     if (unreadable != 0)
-        return failure("local list", std::to_string(unreadable) + (unreadable == 1 ? " key is" : " keys are") +
-                                         " unreadable");
+        return failure("local list",
+                       std::to_string(unreadable) + (unreadable == 1 ? " key is" : " keys are") + " unreadable");
     return kOk;
 }
 
@@ -281,7 +282,8 @@ int local_destroy(const Args &a) {
     std::snprintf(request.szKeyName, sizeof request.szKeyName, "%s", name.c_str());
     HOST_ClearError();
     if (PKEY_LOCAL_DestroyKey(&request) != 0)
-        return failure(what("destroy", *alg), "key " + shown + " was not removed: " + write_problem(*alg, PKEY_KEY_HOST, name));
+        return failure(what("destroy", *alg),
+                       "key " + shown + " was not removed: " + write_problem(*alg, PKEY_KEY_HOST, name));
     std::printf("destroyed %s key %s%s\n", alg->name, shown.c_str(),
                 alg->alg_id == PKEY_ALG_RSA && name.empty() ? " and its server key" : "");
     return kOk;
@@ -292,13 +294,15 @@ int local_renew_server_key(const Args &) {
     const std::optional<StoredKey> server = stored_key(rsa, PKEY_KEY_SERVER, "");
     const std::optional<StoredKey> host = stored_key(rsa, PKEY_KEY_HOST, "");
     if (!(server && server->readable) && !(host && host->readable))
-        return failure("local renew-server-key", "there is neither a readable server key nor an rsa host key to size it by");
+        return failure("local renew-server-key",
+                       "there is neither a readable server key nor an rsa host key to size it by");
     if (Mem_Alert_GetCurrentState() != 0)
         return failure("local renew-server-key", "the memory alarm is raised; no key is generated while it is");
     HOST_ClearError();
     const int r = with_progress("generating the rsa server key", [] { return PKEY_UpdateServerKey(EVP_PKEY_RSA, ""); });
     if (r != 0)
-        return failure("local renew-server-key", "the server key was not stored: " + write_problem(rsa, PKEY_KEY_SERVER, ""));
+        return failure("local renew-server-key",
+                       "the server key was not stored: " + write_problem(rsa, PKEY_KEY_SERVER, ""));
     pkey::EvpPkeyPtr renewed(PKEY_GetServerKey(EVP_PKEY_RSA, ""));
     std::printf("renewed rsa key serverkey(default), %u bits\n", renewed ? PKEY_PUBKEY_GetKeyBits(renewed.get()) : 0u);
     return kOk;
@@ -321,8 +325,7 @@ const std::vector<Command> kLocal = {
      "store); --wrap puts the ssh2 body in lines of 70",
      "--format= --name= --out= --wrap", 1, 1, local_export, "*"},
     {"local destroy", "rsa|dsa|ecdsa [--name NAME]",
-     "destroy a key pair (the default rsa host key takes its server key with it)", "--name=", 1, 1,
-     local_destroy},
+     "destroy a key pair (the default rsa host key takes its server key with it)", "--name=", 1, 1, local_destroy},
     {"local renew-server-key", "", "replace the rsa server key by a new one of the same size", "", 0, 0,
      local_renew_server_key},
 };

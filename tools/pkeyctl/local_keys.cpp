@@ -53,7 +53,8 @@ std::string resolved(const std::string &path) {
 // Both names reach one file: a hard link, or a directory linked to the
 // other's, whether or not the file is there now.
 bool one_file(const char *a, const char *b) {
-    struct stat sa {}, sb {};
+    struct stat sa {
+    }, sb{};
     if (::stat(a, &sa) == 0 && ::stat(b, &sb) == 0) return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
     const std::string ra = resolved(a);
     return !ra.empty() && ra == resolved(b);
@@ -163,8 +164,7 @@ void key_names_in(const std::string &dir, std::set<std::string> &names, std::vec
 }  // namespace
 
 std::string display_name(const Algorithm &alg, const std::string &name, unsigned int kind) {
-    return name.empty() ? std::string(PKEY_FS_GetPKEYDefaultKeyName(alg.alg_id, kind)) + "(default)"
-                        : printable(name);
+    return name.empty() ? std::string(PKEY_FS_GetPKEYDefaultKeyName(alg.alg_id, kind)) + "(default)" : printable(name);
 }
 
 std::string StoredKey::display() const { return display_name(*alg, name, kind); }
@@ -222,8 +222,7 @@ std::string write_problem(const Algorithm &alg, unsigned int kind, const std::st
     if (!platform.empty()) return platform;
     for (const char *file : {paths.mem, paths.dev}) {
         struct stat st {};
-        if (::lstat(file, &st) == 0 && !S_ISREG(st.st_mode))
-            return printable(file) + " is not a regular file";
+        if (::lstat(file, &st) == 0 && !S_ISREG(st.st_mode)) return printable(file) + " is not a regular file";
         // The deepest directory on the way that is there decides.
         std::string dir = file;
         for (;;) {

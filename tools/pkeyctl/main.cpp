@@ -61,17 +61,19 @@ void print_commands(const std::vector<const Command *> &commands) {
 }
 
 void print_overview() {
-    std::printf("usage: pkeyctl [--root DIR] COMMAND [ARGS]\n\n"
-                "Manages the SSH keys of a device store on this host: the device's own key\n"
-                "pairs, the public keys of remote users, the FIPS mode and standby nodes.\n\n"
-                "commands:\n");
+    std::printf(
+        "usage: pkeyctl [--root DIR] COMMAND [ARGS]\n\n"
+        "Manages the SSH keys of a device store on this host: the device's own key\n"
+        "pairs, the public keys of remote users, the FIPS mode and standby nodes.\n\n"
+        "commands:\n");
     print_commands(all_commands());
-    std::printf("\noptions:\n"
-                "  --root DIR    the store (default: $PKEY_ROOT, else ./pkey-store)\n"
-                "  --help        this text; GROUP --help and COMMAND --help describe a part\n"
-                "  --version     the program's version\n"
-                "Options take their value as '--opt value' or '--opt=value'; '--' ends them.\n\n"
-                "exit status: 0 done, 1 refused or failed, 2 usage error\n");
+    std::printf(
+        "\noptions:\n"
+        "  --root DIR    the store (default: $PKEY_ROOT, else ./pkey-store)\n"
+        "  --help        this text; GROUP --help and COMMAND --help describe a part\n"
+        "  --version     the program's version\n"
+        "Options take their value as '--opt value' or '--opt=value'; '--' ends them.\n\n"
+        "exit status: 0 done, 1 refused or failed, 2 usage error\n");
 }
 
 void print_command_help(const Command &c) {
@@ -187,8 +189,7 @@ int run(const std::vector<std::string> &args) {
         }
         const size_t next = i + prefix.size();
         if (!group.empty() && next < args.size() && is_help(args[next])) {
-            std::printf("usage: pkeyctl [--root DIR] COMMAND [ARGS]\n\n%s commands:\n",
-                        printable(args[i]).c_str());
+            std::printf("usage: pkeyctl [--root DIR] COMMAND [ARGS]\n\n%s commands:\n", printable(args[i]).c_str());
             print_commands(group);
             return kOk;
         }

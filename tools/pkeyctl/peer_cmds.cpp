@@ -12,10 +12,10 @@
 #include "cli.hpp"
 #include "host_platform.h"
 #include "pkey_cfgmng.h"
+#include "pkey_curves.hpp"
 #include "pkey_peer.h"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
-#include "pkey_curves.hpp"
 
 namespace pkeyctl {
 namespace {
@@ -154,7 +154,8 @@ int check_key_code(const std::string &what, const std::string &hex) {
     const unsigned char *p = der.data();
     pkey::EvpPkeyPtr key(count > 0 ? d2i_PUBKEY(nullptr, &p, count) : nullptr);
     if (!key) return failure(what, "the key code is not a DER public key");
-    if (static_cast<unsigned int>(p - der.data()) != count) return failure(what, "the key code has bytes after the key");
+    if (static_cast<unsigned int>(p - der.data()) != count)
+        return failure(what, "the key code has bytes after the key");
     if (const std::string problem = policy_problem(key.get()); !problem.empty()) return failure(what, problem);
     return kOk;
 }
@@ -197,8 +198,9 @@ int add_parsed(const std::string &name, Form form, const std::string &text, char
     if (!key) return failure(what, "not a readable RSA, DSA or ECDSA public key");
     if (form == Form::kOpenSsh || form == Form::kSsh2) {
         if (PKEY_PUBKEY_IsBase64BlobStrict(base64.c_str(), nullptr) != 1)
-            return failure(what, "the key blob is not one OpenSSH reads: it must be one known key type, end "
-                                 "with its last field and hold no negative number");
+            return failure(what,
+                           "the key blob is not one OpenSSH reads: it must be one known key type, end "
+                           "with its last field and hold no negative number");
         if (!type.empty() && PKEY_PUBKEY_IsBase64BlobStrict(base64.c_str(), type.c_str()) != 1)
             return failure(what, "the line says " + type + " but its key blob is another type");
         pkey::EvpPkeyPtr strict(PKEY_PUBKEY_Base64toEvppkey(base64.c_str()));
@@ -267,8 +269,10 @@ int peer_list(const Args &a) {
 
     const bool json = a.has("--json");
     size_t unreadable = 0;
-    if (json) std::printf("[");
-    else std::printf("%-24s %-6s %5s  %s\n", "NAME", "ALG", "BITS", "FINGERPRINT");
+    if (json)
+        std::printf("[");
+    else
+        std::printf("%-24s %-6s %5s  %s\n", "NAME", "ALG", "BITS", "FINGERPRINT");
     for (size_t i = 0; i < names.size(); ++i) {
         pkey::EvpPkeyPtr key(PKEY_GetUserKeyByName(names[i].c_str()));
         const Algorithm *alg = algorithm_of(key.get());
@@ -292,10 +296,11 @@ int peer_list(const Args &a) {
     }
     if (json) std::printf("%s]\n", names.empty() ? "" : "\n");
     std::fflush(stdout);
-    if (!platform_error().empty()) return failure("peer list", "cannot read the peer key database: " + platform_error());
+    if (!platform_error().empty())
+        return failure("peer list", "cannot read the peer key database: " + platform_error());
     if (unreadable != 0)
-        return failure("peer list", std::to_string(unreadable) + (unreadable == 1 ? " key is" : " keys are") +
-                                        " unreadable");
+        return failure("peer list",
+                       std::to_string(unreadable) + (unreadable == 1 ? " key is" : " keys are") + " unreadable");
     return kOk;
 }
 
@@ -308,8 +313,8 @@ int peer_show(const Args &a) {
         std::string error;
         const int stored = peer_stored(name, error);
         if (stored < 0) return failure("peer show", error);
-        return failure("peer show", stored == 1 ? "the stored value of " + name + " is not a public key"
-                                                : "no peer key " + name);
+        return failure("peer show",
+                       stored == 1 ? "the stored value of " + name + " is not a public key" : "no peer key " + name);
     }
     const Algorithm *alg = algorithm_of(key.get());
     std::printf("%s %s %u bits %s\n%s", name.c_str(), alg ? alg->name : "?", PKEY_PUBKEY_GetKeyBits(key.get()),

@@ -141,8 +141,10 @@ FileImage snapshot(const StoredKey &k) {
 }
 
 void restore(FileImage &f) {
-    if (f.dev_there) PKEY_FS_WriteDataToVFS(f.dev_bytes.data(), static_cast<unsigned int>(f.dev_bytes.size()), f.dev.c_str());
-    if (f.mem_there) PKEY_FS_WriteDataToVFS(f.mem_bytes.data(), static_cast<unsigned int>(f.mem_bytes.size()), f.mem.c_str());
+    if (f.dev_there)
+        PKEY_FS_WriteDataToVFS(f.dev_bytes.data(), static_cast<unsigned int>(f.dev_bytes.size()), f.dev.c_str());
+    if (f.mem_there)
+        PKEY_FS_WriteDataToVFS(f.mem_bytes.data(), static_cast<unsigned int>(f.mem_bytes.size()), f.mem.c_str());
     OPENSSL_cleanse(f.mem_bytes.data(), f.mem_bytes.size());
     OPENSSL_cleanse(f.dev_bytes.data(), f.dev_bytes.size());
 }
@@ -176,9 +178,12 @@ int fips_switch_on(const Args &a) {
 
     std::vector<StoredKey *> keep, remove, unreadable;
     for (StoredKey &k : local) {
-        if (!k.readable) unreadable.push_back(&k);
-        else if (PKEY_PUBKEY_IsKeyMatchFipsMode(k.key.get()) == 1) keep.push_back(&k);
-        else remove.push_back(&k);
+        if (!k.readable)
+            unreadable.push_back(&k);
+        else if (PKEY_PUBKEY_IsKeyMatchFipsMode(k.key.get()) == 1)
+            keep.push_back(&k);
+        else
+            remove.push_back(&k);
     }
     std::vector<const PeerEntry *> weak_peers;
     for (const PeerEntry &p : peers)
@@ -227,7 +232,8 @@ int fips_switch_on(const Args &a) {
         if (r == 0) continue;
         (void)HOST_SetFipsMode(0);
         for (size_t j = 0; j <= i; ++j) restore(images[j]);
-        return failure("fips on", "key " + k.display() + " could not be saved again (" + write_problem(*k.alg, k.kind, k.name) +
+        return failure("fips on", "key " + k.display() + " could not be saved again (" +
+                                      write_problem(*k.alg, k.kind, k.name) +
                                       "); FIPS mode is off again and nothing was removed");
     }
     for (FileImage &f : images) {
@@ -261,7 +267,8 @@ int fips_switch_on(const Args &a) {
     std::vector<PeerEntry> after;
     if (!read_peers(after, error)) return failure("fips on", error);
     for (const PeerEntry *p : weak_peers) {
-        const bool gone = std::none_of(after.begin(), after.end(), [&](const PeerEntry &e) { return e.name == p->name; });
+        const bool gone =
+            std::none_of(after.begin(), after.end(), [&](const PeerEntry &e) { return e.name == p->name; });
         if (gone) {
             std::printf("removed peer key %s\n", printable(p->name).c_str());
         } else {
@@ -371,8 +378,8 @@ const std::vector<Command> kSystem = {
      "does not ask",
      "--yes --dry-run", 1, 1, fips, "status"},
     {"backup batch", "NODE", "make a standby node's key store a copy of this node's", "", 1, 1, backup_batch},
-    {"node standby", "add|remove NODE | list", "the standby nodes that key files are copied to", "", 1, 2,
-     node_standby, "list"},
+    {"node standby", "add|remove NODE | list", "the standby nodes that key files are copied to", "", 1, 2, node_standby,
+     "list"},
 };
 
 }  // namespace
