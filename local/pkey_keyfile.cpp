@@ -67,6 +67,20 @@ int write_file_image(unsigned int alg, unsigned int kind, const unsigned char *i
 
 }  // namespace
 
+namespace pkey::local {
+
+SecureBuffer read_checked_record(unsigned int algId, unsigned int keyKind,
+                                 const char *name) noexcept {
+    unsigned int len = 0;
+    unsigned char *plain = PKEY_LOCAL_ReadKeyToBuf(algId, keyKind, name, &len);
+    if (plain == nullptr) return {};
+    SecureBuffer record = SecureBuffer::adopt(plain, len);
+    if (!pkey::record::check(record.span(), nullptr)) return {};
+    return record;
+}
+
+}  // namespace pkey::local
+
 extern "C" {
 
 int PKEY_LOCAL_WriteKeyBufToDev(unsigned int algId, unsigned int keyKind,
@@ -176,21 +190,17 @@ int PKEY_LOCAL_GetKeyStatusFromDataBuf(unsigned char *record, unsigned int len,
 
 PKEY_KEY_WITH_TIME_S *PKEY_LOCAL_ReadKeyToEvpPkey(unsigned int algId, unsigned int keyKind,
                                                   const char *name) noexcept {
-    unsigned int len = 0;
-    unsigned char *plain = PKEY_LOCAL_ReadKeyToBuf(algId, keyKind, name, &len);
-    if (plain == nullptr) return nullptr;
-    SecureBuffer record = SecureBuffer::adopt(plain, len);
+    SecureBuffer record = pkey::local::read_checked_record(algId, keyKind, name);
     pkey::record::Header header;
-    if (PKEY_LOCAL_GetKeyStatusFromDataBuf(record.data(), len, nullptr) != 1 ||
-        !pkey::record::parse_header(record.span(), header))
-        return nullptr;
+    if (record.size() == 0 || !pkey::record::parse_header(record.span(), header)) return nullptr;
     auto *out = static_cast<PKEY_KEY_WITH_TIME_S *>(std::calloc(1, sizeof(PKEY_KEY_WITH_TIME_S)));
     if (out == nullptr) return nullptr;
     scnprintf(out->szDate, sizeof out->szDate, "%04d/%02d/%02d", header.year, header.month,
               header.day);
     scnprintf(out->szTime, sizeof out->szTime, "%02d:%02d:%02d", header.hour, header.minute,
               header.second);
-    out->pstKey = PKEY_PUBKEY_ConvertStoreBufToKey(algId, record.data(), len);
+    out->pstKey = PKEY_PUBKEY_ConvertStoreBufToKey(algId, record.data(),
+                                                   static_cast<unsigned int>(record.size()));
     if (out->pstKey == nullptr) {
         std::free(out);
         return nullptr;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "pkey_types.h"
+#include "pkey_util.hpp"
 
 namespace pkey::local {
 
@@ -27,5 +28,10 @@ inline void request_name(const PKEY_KEYGEN_REQ_S &request, char (&out)[PKEY_KEYG
     return lstat(a, &sa) == 0 && lstat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
            sa.st_ino == sb.st_ino;
 }
+
+// The plain record of a stored key file that passes its integrity check; an
+// empty buffer when the file cannot be read or fails the check.
+[[nodiscard]] SecureBuffer read_checked_record(unsigned int algId, unsigned int keyKind,
+                                               const char *name) noexcept;
 
 }  // namespace pkey::local

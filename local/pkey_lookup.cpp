@@ -14,6 +14,7 @@
 #include "pkey_curves.hpp"
 #include "pkey_fs.h"
 #include "pkey_local.h"
+#include "pkey_local_internal.hpp"
 #include "pkey_platform.h"
 #include "pkey_pubkey.h"
 #include "pkey_util.hpp"
@@ -171,12 +172,10 @@ void PKEY_AdjustLocalKeyNameToValid(char *name) noexcept {
 
 EVP_PKEY *PKEY_LOCAL_GetLocKey(unsigned int algId, unsigned char keyKind,
                                const char *name) noexcept {
-    unsigned int len = 0;
-    unsigned char *plain = PKEY_LOCAL_ReadKeyToBuf(algId, keyKind, name, &len);
-    if (plain == nullptr) return nullptr;
-    SecureBuffer record = SecureBuffer::adopt(plain, len);
-    if (PKEY_LOCAL_GetKeyStatusFromDataBuf(record.data(), len, nullptr) == 0) return nullptr;
-    return PKEY_PUBKEY_ConvertStoreBufToKey(algId, record.data(), len);
+    const SecureBuffer record = pkey::local::read_checked_record(algId, keyKind, name);
+    if (record.size() == 0) return nullptr;
+    return PKEY_PUBKEY_ConvertStoreBufToKey(algId, record.data(),
+                                            static_cast<unsigned int>(record.size()));
 }
 
 EVP_PKEY *PKEY_GetHostKey(int evpType, const char *name) noexcept {

@@ -253,6 +253,12 @@ TEST_F(BlobTest, StrictBlobCheckReadsKeyBuffersAsOpenSshDoes) {
     };
     Bytes cut = rsa;
     cut.pop_back();  // n's length now claims a byte that is not there
+    // An SSH mpint of count bytes: a zero byte, then 0xAB bytes.
+    auto big_modulus = [](std::size_t count) {
+        Bytes v(count, 0xAB);
+        v[0] = 0;
+        return v;
+    };
     struct Row {
         const char *what;
         std::string text;
@@ -281,22 +287,8 @@ TEST_F(BlobTest, StrictBlobCheckReadsKeyBuffersAsOpenSshDoes) {
          0},
         {"not Base64", rsa_blob(e, with_zeros(1)) + "\n", 0},
         {"padding in mid-text", b64({rsa[0]}) + b64(Bytes(rsa.begin() + 1, rsa.end())), 0},
-        {"n of 16384 bits",
-         rsa_blob(e,
-                  [] {
-                      Bytes v(2049, 0xAB);
-                      v[0] = 0;
-                      return v;
-                  }()),
-         1},
-        {"n of 16392 bits",
-         rsa_blob(e,
-                  [] {
-                      Bytes v(2050, 0xAB);
-                      v[0] = 0;
-                      return v;
-                  }()),
-         0},
+        {"n of 16384 bits", rsa_blob(e, big_modulus(2049)), 1},
+        {"n of 16392 bits", rsa_blob(e, big_modulus(2050)), 0},
         {"zeros beyond OpenSSH's length",
          rsa_blob(e,
                   [&] {
