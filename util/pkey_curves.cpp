@@ -8,6 +8,7 @@
 #include <openssl/x509.h>
 
 #include <climits>
+#include <utility>
 
 #include "pkey_der_reader.hpp"
 
@@ -22,36 +23,53 @@ std::size_t index_of(const Curve &curve) noexcept {
 
 // Per curve, a key holding only the curve, made once. Copying it costs a
 // third of building a key from the curve's name, which sets up the curve anew.
+EVP_PKEY *make_template(const Curve &curve) noexcept {
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
+                                         const_cast<char *>(curve.short_name), 0),
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
+                                         const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP), 0),
+        OSSL_PARAM_construct_end()};
+    return key_from_params("EC", EVP_PKEY_KEY_PARAMETERS, params).release();
+}
+
+// Each curve's shared object is made on the first use of that curve
+// (thread-safe static initialisation) and never modified afterwards: setting
+// up a curve costs more than reading a key on it, and a process that reads
+// keys on one curve need not set up the others.
+template <std::size_t I>
+const EVP_PKEY *template_of() noexcept {
+    static EVP_PKEY *const made = make_template(kCurves[I]);
+    return made;
+}
+template <std::size_t I>
+const EC_GROUP *group_of() noexcept {
+    static const EC_GROUP *const made = EC_GROUP_new_by_curve_name(kCurves[I].nid);
+    return made;
+}
+template <typename T, T (*...Made)() noexcept>
+constexpr std::array<T (*)() noexcept, sizeof...(Made)> table() noexcept {
+    return {Made...};
+}
+template <std::size_t... I>
+constexpr auto template_table(std::index_sequence<I...>) noexcept {
+    return table<const EVP_PKEY *, template_of<I>...>();
+}
+template <std::size_t... I>
+constexpr auto group_table(std::index_sequence<I...>) noexcept {
+    return table<const EC_GROUP *, group_of<I>...>();
+}
+
 const EVP_PKEY *curve_template(const Curve &curve) noexcept {
-    static const std::array<EVP_PKEY *, kCurves.size()> templates = [] {
-        std::array<EVP_PKEY *, kCurves.size()> made{};
-        for (std::size_t i = 0; i < kCurves.size(); ++i) {
-            OSSL_PARAM params[] = {
-                OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
-                                                 const_cast<char *>(kCurves[i].short_name), 0),
-                OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING,
-                                                 const_cast<char *>(OSSL_PKEY_EC_ENCODING_GROUP),
-                                                 0),
-                OSSL_PARAM_construct_end()};
-            made[i] = key_from_params("EC", EVP_PKEY_KEY_PARAMETERS, params).release();
-        }
-        return made;
-    }();
-    return templates[index_of(curve)];
+    static constexpr auto kTemplates = template_table(std::make_index_sequence<kCurves.size()>());
+    return kTemplates[index_of(curve)]();
 }
 
 }  // namespace
 
 const EC_GROUP *group(const Curve &curve) noexcept {
-    // One group per curve for the life of the process: built on first use
-    // (thread-safe static initialisation) and never modified afterwards.
-    static const std::array<const EC_GROUP *, kCurves.size()> groups = [] {
-        std::array<const EC_GROUP *, kCurves.size()> made{};
-        for (std::size_t i = 0; i < kCurves.size(); ++i)
-            made[i] = EC_GROUP_new_by_curve_name(kCurves[i].nid);
-        return made;
-    }();
-    return groups[index_of(curve)];
+    static constexpr auto kGroups = group_table(std::make_index_sequence<kCurves.size()>());
+    return kGroups[index_of(curve)]();
 }
 
 const EC_GROUP *group(int nid) noexcept {
