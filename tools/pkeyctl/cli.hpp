@@ -46,6 +46,13 @@ struct Command {
     // reported instead of created: nullptr never, "*" always, otherwise the
     // first positional words that only read ("status", "list").
     const char *read_only = nullptr;
+    // Whether the command needs the store for these arguments; a command that
+    // has nothing to look up (nullptr: always needs it) runs without one.
+    bool (*needs_store)(const Args &) = nullptr;
+    // Run by a server at every login: OpenSSL starts without reading its
+    // configuration file and without clean-up at exit, which this command
+    // does not need and every login would pay for.
+    bool login_path = false;
 };
 
 // The tables of each command group.
@@ -65,6 +72,8 @@ int failure(const std::string &what, const std::string &why);
 // the rule, for a name that can never be valid.
 int check_local_name(const std::string &name);
 int check_peer_name(const std::string &name);
+// Whether a text can be a peer key name at all (the rule above), silently.
+bool is_peer_name(std::string_view name);
 // Text safe for a terminal and for one line: every byte outside the printable
 // ASCII range, and the backslash, as \xNN (the backslash as \\).
 std::string printable(std::string_view text);

@@ -68,10 +68,14 @@ int check_local_name(const std::string &name) {
     return kOk;
 }
 
-int check_peer_name(const std::string &name) {
+bool is_peer_name(std::string_view name) {
     bool printable_only = !name.empty() && name.size() < PKEY_PEER_NAME_LEN;
     for (const unsigned char c : name) printable_only = printable_only && c > 0x20 && c < 0x7F;
-    if (!printable_only)
+    return printable_only;
+}
+
+int check_peer_name(const std::string &name) {
+    if (!is_peer_name(name))
         return usage_error("bad peer key name '" + printable(name) +
                            "': a peer key name has 1 to 64 printable characters and no blanks");
     return kOk;

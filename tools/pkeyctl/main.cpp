@@ -2,6 +2,8 @@
 //
 // Every action goes through the library's exported functions; the host
 // platform's control API only chooses the store and switches its settings.
+#include <openssl/crypto.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -212,6 +214,13 @@ int run(const std::vector<std::string> &args) {
     }
     Args parsed;
     if (const int r = parse(*command, rest, parsed); r != kOk) return r;
+
+    if (command->needs_store != nullptr && !command->needs_store(parsed)) return command->run(parsed);
+    // Before anything else starts OpenSSL.
+    if (command->login_path)
+        (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT |
+                                      OPENSSL_INIT_NO_ADD_ALL_CIPHERS | OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
+                                  nullptr);
 
     // Commands that only read never create a store; every command refuses a
     // store whose settings cannot be trusted.

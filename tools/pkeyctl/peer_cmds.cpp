@@ -1,9 +1,11 @@
 // pkeyctl peer ...: the public keys of remote users.
+#include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -342,6 +344,62 @@ int peer_remove(const Args &a) {
     return kOk;
 }
 
+// The SSH key type name at the head of a key blob given in Base64 ("ssh-rsa",
+// "ecdsa-sha2-nistp256"); "" when the blob does not start with one.
+std::string blob_type(const char *base64) {
+    const size_t len = std::strlen(base64);
+    if (len == 0 || len % 4 != 0) return "";
+    std::vector<unsigned char> blob(len / 4 * 3);
+    const int n = EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(base64), static_cast<int>(len));
+    if (n < 4) return "";
+    const size_t type_len = (size_t{blob[0]} << 24) | (size_t{blob[1]} << 16) | (size_t{blob[2]} << 8) | blob[3];
+    if (type_len == 0 || type_len > static_cast<size_t>(n) - 4) return "";
+    return {reinterpret_cast<const char *>(blob.data()) + 4, type_len};
+}
+
+// Whether OpenSSH's server can take a key of this type and size at all: RSA
+// of 1024 bits and more (it refuses shorter moduli), ECDSA on P-256, P-384 and
+// P-521 (it has no P-192 type). DSA is left out: OpenSSH's server refuses
+// ssh-dss by default and newer releases lack it, and its signatures fit only
+// the 160-bit subgroup of 1024-bit keys, not the 2048-bit keys FIPS mode allows.
+bool openssh_server_takes(const std::string &type, unsigned int bits) {
+    constexpr unsigned int kOpenSshMinRsaBits = 1024;
+    if (type == "ssh-rsa") return bits >= kOpenSshMinRsaBits;
+    return type == "ecdsa-sha2-nistp256" || type == "ecdsa-sha2-nistp384" || type == "ecdsa-sha2-nistp521";
+}
+
+bool names_a_peer(const Args &a) { return is_peer_name(a.positional[0]); }
+
+// sshd's AuthorizedKeysCommand: the user's peer key as one authorized_keys
+// line. Any user name reaches it, so a name that cannot be a peer key name,
+// a key that is not there (or that FIPS mode refuses, which the library's
+// existence test also removes) and a key OpenSSH's server cannot use all
+// print nothing and succeed; only a store that cannot be read fails, which
+// sshd takes as no key.
+int peer_authorized_keys(const Args &a) {
+    const std::string &name = a.positional[0];
+    if (!is_peer_name(name)) return kOk;
+    HOST_ClearError();
+    pkey::EvpPkeyPtr key(PKEY_IsPeerPubKeyExisted(name.c_str()) == 1 ? PKEY_GetUserKeyByName(name.c_str()) : nullptr);
+    if (!key && !platform_error().empty())
+        return failure("peer authorized-keys", "cannot read the peer key database: " + platform_error());
+    std::string line;
+    if (key) {
+        unsigned int len = 0;
+        const pkey::MallocPtr<char> base64(PKEY_PUBKEY_EvppkeyToBase64(key.get(), 1, &len));
+        const std::string type = base64 ? blob_type(base64.get()) : "";
+        if (openssh_server_takes(type, PKEY_PUBKEY_GetKeyBits(key.get())))
+            line = type + " " + base64.get() + " pkey:" + name + "\n";
+    }
+    // sshd runs this at every login: the process ends here, without closing
+    // the database, whose last close checkpoints its write-ahead log and
+    // removes it (file writes in the store at every login), and without the
+    // destructors of the rest of the program.
+    const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
+    if (std::fflush(stdout) != 0 || !written) std::_Exit(failure("peer authorized-keys", "cannot write the key"));
+    std::_Exit(kOk);
+}
+
 const std::vector<Command> kPeer = {
     {"peer add", "NAME [FILE|-] [--force]",
      "add a peer key from a file or standard input (at most 64 KiB): hex key code (wrapped in "
@@ -354,6 +412,11 @@ const std::vector<Command> kPeer = {
      "--json", 0, 0, peer_list, "*"},
     {"peer show", "NAME", "a peer key's fingerprint and key-code display", "", 1, 1, peer_show, "*"},
     {"peer remove", "NAME", "remove a peer key", "", 1, 1, peer_remove},
+    {"peer authorized-keys", "USER",
+     "for sshd's AuthorizedKeysCommand: the peer key named USER as one authorized_keys line (RSA of 1024 "
+     "bits and more, ECDSA on P-256, P-384 and P-521), or nothing when there is none, FIPS mode refuses it "
+     "(and so removes it) or USER cannot be a peer key name; exit status 1 only when the store cannot be read",
+     "", 1, 1, peer_authorized_keys, "*", names_a_peer, true},
 };
 
 }  // namespace
