@@ -192,7 +192,8 @@ public:
             if (r > 0 && (fds[0].revents & POLLIN) != 0) return;
             std::size_t i = 2;
             for (Connection &c : connections_) {
-                const short ev = r > 0 ? fds[i].revents : 0;
+                short ev = 0;
+                if (r > 0) ev = fds[i].revents;
                 ++i;
                 if ((ev & (POLLIN | POLLHUP | POLLERR)) != 0) receive(c);
                 if (!c.closing && (ev & POLLOUT) != 0) send_pending(c);
