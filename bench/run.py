@@ -222,6 +222,22 @@ def memory(build):
                  "Every malloc of the process (libpkey, OpenSSL, SQLite) is counted by usable size."), ok
 
 
+def agents(build):
+    r, _ = run_bench(build, "agent_bench")
+    rows, ok = [], True
+    for label in ["rsa-sha2-256 (RSA-2048)", "rsa-sha2-512 (RSA-2048)", "ecdsa-sha2-nistp256",
+                  "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521"]:
+        ours, ref = r[f"pkey-agent/{label}"], r[f"ssh-agent/{label}"]
+        met = ours <= 1.2 * ref
+        ok &= met
+        rows.append([label, fmt(ours), fmt(ref), f"{ours / ref:.2f}x", "yes" if met else "**no**"])
+    return table("6. A signature through an agent", ["algorithm", "pkey-agent", "ssh-agent",
+                                                      "pkey / ssh-agent", "goal met (≤ 1.2x)"], rows,
+                 "One sign request and its reply over the agent's socket, the same key in both agents. "
+                 "pkey-agent reads, deciphers and checks the key file for every signature and wipes the "
+                 "key after it; ssh-agent keeps the key in memory."), ok
+
+
 def authorized_keys(build):
     _, c = run_bench(build, "authkeys_bench", reps=3 if not QUICK else 1)
     goal = 5000.0
@@ -245,7 +261,7 @@ def authorized_keys(build):
             "store; in FIPS mode the store was purged once before timing. The first two rows are the cost of "
             "starting any process and of starting pkeyctl with its libraries (libpkey, the host platform, "
             "SQLite, OpenSSL, the C++ runtime) without opening a store.")
-    return table("6. sshd AuthorizedKeysCommand, per call (goal: median < 5 ms)",
+    return table("7. sshd AuthorizedKeysCommand, per call (goal: median < 5 ms)",
                  ["program", "peer keys", "FIPS", "user", "wall median", "wall p90", "CPU median", "goal met"],
                  rows, note), ok
 
@@ -260,7 +276,7 @@ def main():
             f"medians{' (quick run)' if QUICK else ''}\n\nReproduce: `make bench`.\n")
     print(head)
     sections, all_ok = [head], True
-    for step in (host_keys, peer_parsing, peer_store, key_creation, memory, authorized_keys):
+    for step in (host_keys, peer_parsing, peer_store, key_creation, memory, agents, authorized_keys):
         text, ok = step(build)
         all_ok &= ok
         print(text, flush=True)
