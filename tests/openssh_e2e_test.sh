@@ -163,7 +163,7 @@ grep -q " devlogin\$" "$work/agent.keys" && ok "agent names a key pair by its na
   bad "no key with comment devlogin: $(cat "$work/agent.keys")"
 
 # -- sshd ----------------------------------------------------------------------------
-mkdir -p -m 0755 /run/sshd  # privilege separation; kept, a system sshd uses it too
+[ -d /run/sshd ] || mkdir -m 0755 /run/sshd  # privilege separation; kept, a system sshd uses it too
 write_config() {
   {
     echo "ListenAddress 127.0.0.1:$port"
@@ -196,7 +196,7 @@ free_port() {
   python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
 # Another program may take the port between the probe and sshd's bind: try again.
-for attempt in 1 2 3; do
+for _ in 1 2 3; do
   port=$(free_port)
   write_config
   /usr/sbin/sshd -t -f "$work/sshd_config" 2>"$work/sshd-t.log" || fatal "sshd -t: $(cat "$work/sshd-t.log")"
@@ -299,7 +299,6 @@ expect_fail "a removed key is refused" "Permission denied" "$u_hex" "$(key "$u_h
 # -- e. the client signs with the device's named key pair through the agent -----------
 agent_for_client=$sock
 expect_login "login with a named key pair held by pkey-agent" "$u_self" "$pub/rsa-devlogin.pub"
-expect_fail "the agent's key pair is the device's user only" "Permission denied" "$u_line" "$pub/rsa-devlogin.pub"
 agent_for_client=none
 
 # -- c. a host key replaced under the running sshd and agent --------------------------
@@ -379,7 +378,7 @@ pk fips on --yes >"$work/fips.out" 2>&1 || bad "fips on: $(cat "$work/fips.out")
 log_lines=$(wc -l <"$work/sshd.log")
 expect_fail "FIPS mode: ssh-rsa host signature refused" "Connection closed\|Connection reset\|kex_exchange" \
   "$u_line" "$(key "$u_line")" "$work/known_hosts" -o HostKeyAlgorithms=ssh-rsa
-tail -n +"$((log_lines + 1))" "$work/sshd.log" | grep -qi "sign" &&
+tail -n +"$((log_lines + 1))" "$work/sshd.log" | grep -q "agent sign\|agent refused" &&
   ok "FIPS mode: sshd logs the refused signature" || bad "no signing failure in sshd's log"
 for alg in rsa-sha2-256 rsa-sha2-512 ecdsa-sha2-nistp256 ecdsa-sha2-nistp384 ecdsa-sha2-nistp521; do
   expect_login "FIPS mode: host key $alg" "$u_ssh2" "$(key "$u_ssh2")" "$work/known_hosts" \
