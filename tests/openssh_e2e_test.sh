@@ -213,7 +213,7 @@ done
 [ -n "$sshd_pid" ] || fatal "sshd did not start: $(tail -5 "$work/sshd.log")"
 
 known_hosts() {  # FILE
-  pk local export --all --format known-hosts --host "[127.0.0.1]:$port" --out "$1" 2>"$work/kh.err" ||
+  pk local export --all --format known-hosts --host "[127.0.0.1]:$port" --out "$1" >/dev/null 2>"$work/kh.err" ||
     bad "known-hosts export: $(cat "$work/kh.err")"
 }
 known_hosts "$work/known_hosts"
@@ -376,10 +376,13 @@ kill -0 "$agent_pid" 2>/dev/null && ok "agent still running" || bad "agent died"
 # RSA signatures.
 pk fips on --yes >"$work/fips.out" 2>&1 || bad "fips on: $(cat "$work/fips.out")"
 log_lines=$(wc -l <"$work/sshd.log")
+agent_lines=$(wc -l <"$work/agent.log")
 expect_fail "FIPS mode: ssh-rsa host signature refused" "Connection closed\|Connection reset\|kex_exchange" \
   "$u_line" "$(key "$u_line")" "$work/known_hosts" -o HostKeyAlgorithms=ssh-rsa
 tail -n +"$((log_lines + 1))" "$work/sshd.log" | grep -q "agent sign\|agent refused" &&
   ok "FIPS mode: sshd logs the refused signature" || bad "no signing failure in sshd's log"
+tail -n +"$((agent_lines + 1))" "$work/agent.log" | grep -q "ssh-rsa\|SHA-1" &&
+  ok "FIPS mode: the agent logs the refused SHA-1 signature" || bad "no refusal in the agent's log"
 for alg in rsa-sha2-256 rsa-sha2-512 ecdsa-sha2-nistp256 ecdsa-sha2-nistp384 ecdsa-sha2-nistp521; do
   expect_login "FIPS mode: host key $alg" "$u_ssh2" "$(key "$u_ssh2")" "$work/known_hosts" \
     -o HostKeyAlgorithms="$alg"
