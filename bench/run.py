@@ -222,6 +222,22 @@ def memory(build):
                  "Every malloc of the process (libpkey, OpenSSL, SQLite) is counted by usable size."), ok
 
 
+def agents(build):
+    r, _ = run_bench(build, "agent_bench")
+    rows, ok = [], True
+    for label in ["rsa-sha2-256 (RSA-2048)", "rsa-sha2-512 (RSA-2048)", "ecdsa-sha2-nistp256",
+                  "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521"]:
+        ours, ref = r[f"pkey-agent/{label}"], r[f"ssh-agent/{label}"]
+        met = ours <= 1.2 * ref
+        ok &= met
+        rows.append([label, fmt(ours), fmt(ref), f"{ours / ref:.2f}x", "yes" if met else "**no**"])
+    return table("6. A signature through an agent", ["algorithm", "pkey-agent", "ssh-agent",
+                                                      "pkey / ssh-agent", "goal met (≤ 1.2x)"], rows,
+                 "One sign request and its reply over the agent's socket, the same key in both agents. "
+                 "pkey-agent reads, deciphers and checks the key file for every signature and wipes the "
+                 "key after it; ssh-agent keeps the key in memory."), ok
+
+
 def main():
     build = pathlib.Path(sys.argv[1]).resolve()
     cpu = next((l.split(":", 1)[1].strip() for l in open("/proc/cpuinfo") if l.startswith("model name")),
@@ -232,7 +248,7 @@ def main():
             f"medians{' (quick run)' if QUICK else ''}\n\nReproduce: `make bench`.\n")
     print(head)
     sections, all_ok = [head], True
-    for step in (host_keys, peer_parsing, peer_store, key_creation, memory):
+    for step in (host_keys, peer_parsing, peer_store, key_creation, memory, agents):
         text, ok = step(build)
         all_ok &= ok
         print(text, flush=True)

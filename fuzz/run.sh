@@ -24,7 +24,7 @@ src=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 build=$(cd "$1" 2>/dev/null && pwd) || { echo "$0: no build directory $1" >&2; exit 2; }
 seconds=$2
 shift 2
-all_targets=(base64_blob ecdsa_blob peer_text keycode_entry store_record key_file)
+all_targets=(base64_blob ecdsa_blob peer_text keycode_entry store_record key_file agent_message)
 targets=("${@:-${all_targets[@]}}")
 jobs=${FUZZ_JOBS:-1}
 runs=${FUZZ_RUNS:-}

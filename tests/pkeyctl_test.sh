@@ -81,6 +81,39 @@ expect 2 pk local list --json=yes
 expect 2 pk local export dsa --format ssh1
 contains "$work/err" "RSA keys only"
 expect 2 pk local export rsa --format openssh --wrap
+
+# -- every key OpenSSH can use: .pub files and known_hosts lines ---------------------
+mkdir "$work/all"
+expect 0 pk local export --all --format openssh --out-dir "$work/all"
+same "$(wc -l <"$work/out")" 3 "files written by export --all"
+same "$(ls "$work/all" | tr '\n' ' ')" "ecdsa-ecdsakey.pub ecdsa-web-1.pub rsa-hostkey.pub " "export --all files"
+for f in "$work/all"/*.pub; do expect 0 ssh-keygen -l -f "$f"; done
+same "$(fp "$work/all/rsa-hostkey.pub")" "$(pk local list rsa | awk 'NR == 2 {print $6}')" "rsa-hostkey.pub"
+expect 0 pk local export --all --format known-hosts --host '[127.0.0.1]:2222'
+same "$(awk '{print $1}' "$work/out" | sort -u)" "[127.0.0.1]:2222" "known_hosts pattern"
+same "$(awk '{print $2, $3}' "$work/out" | sort)" "$(awk '{print $1, $2}' "$work/all"/*.pub | sort)" \
+     "known_hosts lines vs .pub files"
+expect 0 pk local export --all --format known-hosts --host h --out "$work/kh"
+ssh-keygen -F h -f "$work/kh" >/dev/null && ok || bad "ssh-keygen finds no host h in the known_hosts file"
+expect 2 pk local export --all --format openssh
+expect 2 pk local export rsa --all --format openssh --out-dir "$work/all"
+expect 2 pk local export --all --format ssh2 --out-dir "$work/all"
+expect 2 pk local export --all --format known-hosts
+expect 2 pk local export rsa --format openssh --out-dir "$work/all"
+expect 1 pk local export --all --format openssh --out-dir "$work/no-such-dir"
+expect 1 pk local export --all --format openssh --out-dir "$store/node1/flash/pkey"
+contains "$work/err" "key store"
+# The same set pkey-agent serves, when it is installed beside pkeyctl.
+agent="$(dirname "$ctl")/pkey-agent"
+if [ -x "$agent" ]; then
+  mkdir -m 700 "$work/sock"
+  "$agent" --root "$store" --socket "$work/sock/a" --pid-file "$work/agent.pid"
+  same "$(SSH_AUTH_SOCK=$work/sock/a ssh-add -L | awk '{print $1, $2}' | sort)" \
+       "$(awk '{print $1, $2}' "$work/all"/*.pub | sort)" "pkey-agent's identities vs export --all"
+  kill "$(cat "$work/agent.pid")"
+else
+  bad "no pkey-agent beside $ctl"
+fi
 expect 0 pk local show dsa
 contains "$work/out" "public-key-code begin"
 expect 1 pk local show dsa --name nothing

@@ -1,4 +1,5 @@
 // pkeyctl local ...: the device's own key pairs.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,12 +8,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "cli.hpp"
 #include "host_platform.h"
+#include "openssh_keys.hpp"
 #include "pkey_fs.h"
 #include "pkey_local.h"
 #include "pkey_platform.h"
@@ -233,7 +236,91 @@ std::string wrap_ssh2(const std::string &text) {
     return out + text.substr(end + 2);
 }
 
+// Every key OpenSSH can use (the set pkey-agent serves): one .pub file each
+// in a directory, or known_hosts lines for one host pattern.
+int local_export_all(const Args &a) {
+    if (!a.positional.empty())
+        return usage_error("local export --all takes no algorithm: it exports every key OpenSSH can use");
+    if (a.has("--name") || a.has("--wrap")) return usage_error("--name and --wrap are for the export of one key");
+    const std::string form = a.get("--format");
+    const bool known_hosts = form == "known-hosts";
+    if (form != "openssh" && !known_hosts)
+        return usage_error("local export --all needs --format openssh or known-hosts");
+    if (!known_hosts && (!a.has("--out-dir") || a.get("--out-dir").empty()))
+        return usage_error("local export --all --format openssh needs --out-dir DIR");
+    if (!known_hosts && (a.has("--out") || a.has("--host")))
+        return usage_error("--out and --host are for --format known-hosts");
+    if (known_hosts && a.has("--out-dir")) return usage_error("--out-dir is for --format openssh");
+    const std::string host = a.get("--host");
+    if (known_hosts) {
+        bool plain = !host.empty();
+        for (const unsigned char c : host) plain = plain && c > 0x20 && c < 0x7F;
+        if (!plain) return usage_error("--format known-hosts needs --host PATTERN (no blanks)");
+    }
+    const std::string out = a.get("--out", "-");
+    if (out.empty()) return usage_error("--out needs a file name, or - for standard output");
+    const std::string dir = a.get("--out-dir");
+    if (!known_hosts) {
+        struct stat st {};
+        if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+            return failure("local export --all", printable(dir) + " is not a directory");
+    }
+
+    HOST_ClearError();
+    const pkey::openssh::Selection selection = pkey::openssh::select_keys();
+    if (selection.keys.empty() && selection.problems.empty())
+        return failure("local export --all", "the store holds no key OpenSSH can use");
+    // Two keys for one file would leave only one of them exported.
+    std::set<std::string> stems;
+    for (const pkey::openssh::Key &k : selection.keys)
+        if (!stems.insert(k.file_stem).second)
+            return failure("local export --all", "two keys export as " + printable(k.file_stem) +
+                                                     ".pub (a named key has its algorithm's default name); "
+                                                     "nothing was written");
+
+    std::string lines;
+    for (const pkey::openssh::Key &k : selection.keys) {
+        pkey::MallocPtr<char> text(PKEY_LOCAL_GetPubKeyValue(k.alg_id, PKEY_EXPORT_OPENSSH, k.name.c_str()));
+        if (!text)
+            return failure("local export --all", std::string(k.alg) + " key " + k.display + " has no openssh form");
+        if (known_hosts) {
+            // "type base64": the line's first two words.
+            const std::string line = text.get();
+            const size_t first = line.find(' ');
+            const size_t second =
+                first == std::string::npos ? std::string::npos : line.find_first_of(" \r\n", first + 1);
+            lines += host + " " + line.substr(0, second) + "\n";
+            continue;
+        }
+        const std::string path = dir + (dir.back() == '/' ? "" : "/") + k.file_stem + ".pub";
+        std::string error;
+        if (!write_user_file(path, text.get(), error)) return failure("local export --all", error);
+        std::printf("wrote %s (%s key %s)\n", printable(path).c_str(), k.alg, k.display.c_str());
+    }
+    if (known_hosts) {
+        if (out == "-") {
+            std::printf("%s", lines.c_str());
+        } else {
+            std::string error;
+            if (!write_user_file(out, lines, error)) return failure("local export --all", error);
+            std::printf("wrote %s (%zu keys)\n", printable(out).c_str(), selection.keys.size());
+        }
+    }
+    std::fflush(stdout);
+    if (!selection.problems.empty()) {
+        std::string all;
+        for (const std::string &p : selection.problems) all += (all.empty() ? "" : "; ") + printable(p);
+        return failure("local export --all", "not exported: " + all);
+    }
+    return kOk;
+}
+
 int local_export(const Args &a) {
+    if (a.has("--all")) return local_export_all(a);
+    if (a.positional.empty())
+        return usage_error(std::string("usage: pkeyctl local export ") +
+                           "rsa|dsa|ecdsa --format ssh1|ssh2|openssh ... (or --all)");
+    if (a.has("--out-dir") || a.has("--host")) return usage_error("--out-dir and --host are for local export --all");
     int err = 0;
     const Algorithm *alg = algorithm_arg(a, &err);
     if (alg == nullptr) return err;
@@ -320,10 +407,15 @@ const std::vector<Command> kLocal = {
      "--md5 --json", 0, 1, local_list, "*"},
     {"local show", "rsa|dsa|ecdsa [--name NAME]", "a stored public key as the hexadecimal key-code display",
      "--name=", 1, 1, local_show, "*"},
-    {"local export", "rsa|dsa|ecdsa --format ssh1|ssh2|openssh [--name NAME] [--out FILE|-] [--wrap]",
+    {"local export",
+     "rsa|dsa|ecdsa --format ssh1|ssh2|openssh [--name NAME] [--out FILE|-] [--wrap] | "
+     "--all --format openssh --out-dir DIR | --all --format known-hosts --host PATTERN [--out FILE|-]",
      "a stored public key in an export form, on standard output or in FILE (never a file of the key "
-     "store); --wrap puts the ssh2 body in lines of 70",
-     "--format= --name= --out= --wrap", 1, 1, local_export, "*"},
+     "store); --wrap puts the ssh2 body in lines of 70. With --all, every key OpenSSH can use (rsa of "
+     "1024 bits and more, ecdsa on p256, p384 and p521; the keys pkey-agent serves): one file "
+     "<alg>-<name>.pub each in the existing directory DIR, one line each, or the known_hosts lines "
+     "'PATTERN type base64' for clients",
+     "--format= --name= --out= --wrap --all --out-dir= --host=", 0, 1, local_export, "*"},
     {"local destroy", "rsa|dsa|ecdsa [--name NAME]",
      "destroy a key pair (the default rsa host key takes its server key with it)", "--name=", 1, 1, local_destroy},
     {"local renew-server-key", "", "replace the rsa server key by a new one of the same size", "", 0, 0,
