@@ -5,7 +5,10 @@
 set -euo pipefail
 
 packages=(g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev openssl openssh-client putty-tools python3 clang clang-tidy
-          clang-format libclang-rt-14-dev valgrind libbenchmark-dev python3-cryptography libssh-dev)
+          clang-format libclang-rt-14-dev valgrind libbenchmark-dev python3-cryptography libssh-dev openssh-server)
+# openssh-server brings the sshd binary a test runs with its own configuration
+# on a port of its own; the system service it installs plays no part (Debian
+# starts it on port 22 where an init system lets it, a container usually not).
 [ $# -gt 0 ] && packages=("$@")
 
 missing=()
