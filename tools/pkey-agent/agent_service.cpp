@@ -79,31 +79,52 @@ const EVP_MD *ecdsa_digest(std::string_view type) {
     return nullptr;
 }
 
+// The public halves of the keys the store held when last listed. A sign
+// request finds its key here instead of reading every key pair of the store;
+// the key pair itself is still read afresh for each signature and must still
+// have the requested public key, and any miss lists the store again. So a
+// replaced or destroyed key is refused at once, and a new one found at once.
+std::vector<openssh::Key> &last_listing() {
+    static std::vector<openssh::Key> keys;
+    return keys;
+}
+
+const std::vector<openssh::Key> &list_store() {
+    last_listing() = openssh::select_keys().keys;
+    return last_listing();
+}
+
+const openssh::Key *find_key(const std::vector<openssh::Key> &keys, ByteSpan blob) {
+    for (const openssh::Key &k : keys)
+        if (k.blob.size() == blob.size() && std::equal(k.blob.begin(), k.blob.end(), blob.begin()))
+            return &k;
+    return nullptr;
+}
+
 Reply identities() {
-    const openssh::Selection selection = openssh::select_keys();
+    const std::vector<openssh::Key> &keys = list_store();
     std::vector<Identity> ids;
-    ids.reserve(selection.keys.size());
-    for (const openssh::Key &k : selection.keys) ids.push_back({k.blob, k.display});
+    ids.reserve(keys.size());
+    for (const openssh::Key &k : keys) ids.push_back({k.blob, k.display});
     return {encode_identities(ids), false, std::to_string(ids.size()) + " identities"};
 }
 
 Reply sign(const Request &request) {
-    const openssh::Selection selection = openssh::select_keys();
-    const openssh::Key *match = nullptr;
-    for (const openssh::Key &k : selection.keys)
-        if (ByteSpan(k.blob).size() == request.key_blob.size() &&
-            std::equal(k.blob.begin(), k.blob.end(), request.key_blob.begin()))
-            match = &k;
-    if (match == nullptr)
-        return refuse("sign request: no key of the store has this public key (" +
-                      printable(key_blob_type(request.key_blob)) + ")");
+    const openssh::Key *match = find_key(last_listing(), request.key_blob);
+    // The key pair lives only for this signature.
+    EvpPkeyPtr pair = match != nullptr ? openssh::load_private(*match) : nullptr;
+    if (!pair) {
+        match = find_key(list_store(), request.key_blob);
+        if (match == nullptr)
+            return refuse("sign request: no key of the store has this public key (" +
+                          printable(key_blob_type(request.key_blob)) + ")");
+        pair = openssh::load_private(*match);
+        if (!pair) return refuse("sign request: key " + match->display + " is gone");
+    }
 
     Bytes blob;
     std::string algorithm;
     {
-        // The key pair lives only for this signature.
-        const EvpPkeyPtr pair = openssh::load_private(*match);
-        if (!pair) return refuse("sign request: key " + match->display + " is gone");
         Bytes signature;
         if (match->evp_type == EVP_PKEY_RSA) {
             const RsaChoice choice = rsa_choice(request.flags);
@@ -127,6 +148,7 @@ Reply sign(const Request &request) {
             ECDSA_SIG_get0(sig.get(), &r, &s);
             blob = ecdsa_signature_blob(algorithm, bn_bytes(r), bn_bytes(s));
         }
+        pair.reset();
     }
     return {encode_sign_response(blob), false,
             "signed " + std::to_string(request.data.size()) + " bytes with key " + match->display +
