@@ -45,12 +45,22 @@ namespace pkey::test {
 
 // A test on a fresh store of its own, with the paths of node 1's key files:
 // mem("rsa/k.key") names a memory copy, dev("pkey/rsa/k.key") a device copy.
+// GCC 12 for 32-bit ARM reports a use after free in this fixture's deleting
+// destructor, which only destroys the store; the warning is off for this
+// class with GCC before 13.
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuse-after-free"
+#endif
 class StoreTest : public ::testing::Test {
 protected:
     std::string mem(const std::string &rel) const { return store.mem_dir(1) + "/pkey/" + rel; }
     std::string dev(const std::string &rel) const { return store.work_dir(1) + "/" + rel; }
     TempStore store;
 };
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
+#pragma GCC diagnostic pop
+#endif
 
 // The peer key names of the current store, as the sorted name list gives them.
 inline std::vector<std::string> peer_names() {
