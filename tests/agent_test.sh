@@ -7,6 +7,7 @@
 #
 # usage: agent_test.sh PATH-TO-PKEYCTL PATH-TO-PKEY-AGENT
 set -uo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/script_checks.sh"
 ctl=$1
 agent=$2
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -22,21 +23,9 @@ store="$work/store"
 sockdir="$work/run"
 sock="$sockdir/agent.sock"
 export SSH_AUTH_SOCK=$sock
-passed=0
-failed=0
 start_time=$(date +%s)
 
 pk() { "$ctl" --root "$store" "$@"; }
-ok() { passed=$((passed + 1)); }
-bad() { failed=$((failed + 1)); echo "FAIL: $*" >&2; }
-expect() {
-  local code=$1; shift
-  local got=0
-  "$@" >"$work/out" 2>"$work/err" || got=$?
-  if [ "$got" = "$code" ]; then ok; else bad "exit $got, wanted $code: $* :: $(head -c 300 "$work/err")"; fi
-}
-contains() { if grep -qF -- "$2" "$1"; then ok; else bad "'$2' not in $1: $(head -c 300 "$1")"; fi; }
-same() { if [ "$1" = "$2" ]; then ok; else bad "'$1' != '$2' ($3)"; fi; }
 # The "type base64" of every identity the agent serves, sorted.
 served() { ssh-add -L 2>/dev/null | awk '{print $1, $2}' | sort; }
 # The same of what pkeyctl exports for clients.

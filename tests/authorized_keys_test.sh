@@ -5,25 +5,14 @@
 #
 # usage: authorized_keys_test.sh PATH-TO-PKEYCTL
 set -uo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/script_checks.sh"
 ctl=$1
 work=$(mktemp -d "${TMPDIR:-/tmp}/pkey-authkeys-test-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 store="$work/store"
-passed=0
-failed=0
 
 pk() { "$ctl" --root "$store" "$@"; }
 ak() { "$ctl" --root "$store" peer authorized-keys "$@"; }
-ok() { passed=$((passed + 1)); }
-bad() { failed=$((failed + 1)); echo "FAIL: $*" >&2; }
-# expect CODE COMMAND...: the exit status must be CODE; output in $work/out, $work/err
-expect() {
-  local code=$1; shift
-  local got=0
-  "$@" >"$work/out" 2>"$work/err" || got=$?
-  if [ "$got" = "$code" ]; then ok; else bad "exit $got, wanted $code: $* :: $(head -c 300 "$work/err")"; fi
-}
-same() { if [ "$1" = "$2" ]; then ok; else bad "'$1' != '$2' ($3)"; fi; }
 empty() { if [ ! -s "$1" ]; then ok; else bad "$2: expected no output, got: $(head -c 300 "$1")"; fi; }
 lines() { same "$(wc -l <"$1" | tr -d ' ')" "$2" "$3: line count"; }
 # The records of a name in the store's database, counted without pkeyctl.

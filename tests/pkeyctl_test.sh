@@ -5,25 +5,13 @@
 #
 # usage: pkeyctl_test.sh PATH-TO-PKEYCTL
 set -uo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/script_checks.sh"
 ctl=$1
 work=$(mktemp -d "${TMPDIR:-/tmp}/pkeyctl-test-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 store="$work/store"
-passed=0
-failed=0
 
 pk() { "$ctl" --root "$store" "$@"; }
-ok() { passed=$((passed + 1)); }
-bad() { failed=$((failed + 1)); echo "FAIL: $*" >&2; }
-# expect CODE COMMAND...: the exit status must be CODE
-expect() {
-  local code=$1; shift
-  local got=0
-  "$@" >"$work/out" 2>"$work/err" || got=$?
-  if [ "$got" = "$code" ]; then ok; else bad "exit $got, wanted $code: $* :: $(head -c 300 "$work/err")"; fi
-}
-contains() { if grep -qF -- "$2" "$1"; then ok; else bad "'$2' not in $1: $(head -c 300 "$1")"; fi; }
-same() { if [ "$1" = "$2" ]; then ok; else bad "'$1' != '$2' ($3)"; fi; }
 json_ok() { if python3 -c 'import json,sys; json.load(sys.stdin)' <"$1"; then ok; else bad "not JSON: $(head -c 300 "$1")"; fi; }
 fp() { ssh-keygen -l -f "$1" | awk '{print $2}'; }
 

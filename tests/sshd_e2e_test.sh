@@ -6,6 +6,7 @@
 #
 # usage: sshd_e2e_test.sh PATH-TO-PKEYCTL PATH-TO-PKEY-SSHD
 set -uo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/script_checks.sh"
 ctl=$1
 sshd=$2
 work=$(mktemp -d "${TMPDIR:-/tmp}/pkey-sshd-test-XXXXXX")
@@ -16,10 +17,6 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-passed=0
-failed=0
-ok() { passed=$((passed + 1)); }
-bad() { failed=$((failed + 1)); echo "FAIL: $*" >&2; }
 pk() { "$ctl" --root "$store" "$@"; }
 
 # -- store and keys ----------------------------------------------------------------
