@@ -6,6 +6,7 @@
 // The pkey-agent program is $PKEY_AGENT, or tools/pkey-agent beside this
 // build's bench/ folder.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <openssl/pem.h>
 #include <signal.h>
 #include <spawn.h>
@@ -85,8 +86,14 @@ public:
         std::vector<char *> argv;
         for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
         argv.push_back(nullptr);
-        if (posix_spawnp(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-            throw std::runtime_error("cannot start " + args[0]);
+        // The agents' own output (ssh-agent prints its environment) would
+        // mix with the benchmark's report on standard output.
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        const int started = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (started != 0) throw std::runtime_error("cannot start " + args[0]);
     }
     ~Child() {
         if (pid_ > 0) {
