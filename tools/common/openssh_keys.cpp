@@ -57,22 +57,6 @@ void key_names_in(const std::string &dir, std::set<std::string> &names,
     ::closedir(stream);
 }
 
-// The SSH blob of a key, decoded from the library's Base64 of it.
-std::vector<unsigned char> blob_of(EVP_PKEY *key) {
-    unsigned int len = 0;
-    const MallocPtr<char> b64(PKEY_PUBKEY_EvppkeyToBase64(key, 1, &len));
-    if (!b64) return {};
-    const std::size_t text_len = std::strlen(b64.get());
-    if (text_len == 0 || text_len % 4 != 0 || text_len > INT32_MAX) return {};
-    std::vector<unsigned char> blob(text_len / 4 * 3);
-    int n = EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(b64.get()),
-                            static_cast<int>(text_len));
-    if (n < 0) return {};
-    for (std::size_t i = text_len; i > 0 && b64.get()[i - 1] == '='; --i) --n;
-    blob.resize(static_cast<std::size_t>(n));
-    return blob;
-}
-
 std::string type_of(const std::vector<unsigned char> &blob) {
     ByteReader in(blob.data(), blob.size());
     std::span<const unsigned char> name;
@@ -92,6 +76,21 @@ bool usable(EVP_PKEY *key) {
 }
 
 }  // namespace
+
+std::vector<unsigned char> ssh_blob(EVP_PKEY *key) {
+    unsigned int len = 0;
+    const MallocPtr<char> b64(PKEY_PUBKEY_EvppkeyToBase64(key, 1, &len));
+    if (!b64) return {};
+    const std::size_t text_len = std::strlen(b64.get());
+    if (text_len == 0 || text_len % 4 != 0 || text_len > INT32_MAX) return {};
+    std::vector<unsigned char> blob(text_len / 4 * 3);
+    int n = EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(b64.get()),
+                            static_cast<int>(text_len));
+    if (n < 0) return {};
+    for (std::size_t i = text_len; i > 0 && b64.get()[i - 1] == '='; --i) --n;
+    blob.resize(static_cast<std::size_t>(n));
+    return blob;
+}
 
 Selection select_keys() {
     Selection out;
@@ -131,7 +130,7 @@ Selection select_keys() {
             k.file_stem = std::string(f.alg) + "-" +
                           (name.empty() ? PKEY_FS_GetPKEYDefaultKeyName(f.alg_id, PKEY_KEY_HOST)
                                         : name.c_str());
-            k.blob = blob_of(key.get());
+            k.blob = ssh_blob(key.get());
             k.type = type_of(k.blob);
             if (k.blob.empty() || k.type.empty()) {
                 out.problems.push_back(std::string(f.alg) + " key " + display + " (no SSH form)");
@@ -145,7 +144,7 @@ Selection select_keys() {
 
 EvpPkeyPtr load_private(const Key &key) {
     EvpPkeyPtr pair(PKEY_GetHostKey(key.evp_type, key.name.c_str()));
-    if (!pair || !usable(pair.get()) || blob_of(pair.get()) != key.blob) return nullptr;
+    if (!pair || !usable(pair.get()) || ssh_blob(pair.get()) != key.blob) return nullptr;
     return pair;
 }
 

@@ -12,6 +12,8 @@
 // for each use (load_private) and belongs to the caller, who frees it at once.
 #pragma once
 
+#include <openssl/evp.h>
+
 #include <string>
 #include <vector>
 
@@ -36,6 +38,10 @@ struct Selection {
     // ("rsa key web-1 (unreadable)"), and key directories that cannot be listed.
     std::vector<std::string> problems;
 };
+
+// The SSH public key blob of a key, decoded from the library's Base64 of it;
+// empty when the key has no SSH form.
+[[nodiscard]] std::vector<unsigned char> ssh_blob(EVP_PKEY *key);
 
 // The keys OpenSSH can use, read now from the store the process has open.
 [[nodiscard]] Selection select_keys();

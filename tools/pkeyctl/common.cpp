@@ -11,6 +11,7 @@
 
 #include "cli.hpp"
 #include "host_platform.h"
+#include "openssh_keys.hpp"
 #include "pkey_curves.hpp"
 #include "pkey_local.h"
 #include "pkey_peer.h"
@@ -34,21 +35,6 @@ const std::vector<Curve> kCurves = [] {
     }
     return curves;
 }();
-
-// The SSH blob of a key, decoded from the library's Base64.
-std::vector<unsigned char> ssh_blob(EVP_PKEY *key) {
-    unsigned int len = 0;
-    pkey::MallocPtr<char> b64(PKEY_PUBKEY_EvppkeyToBase64(key, 1, &len));
-    if (!b64) return {};
-    const size_t text_len = std::strlen(b64.get());
-    std::vector<unsigned char> blob(text_len);
-    int n =
-        EVP_DecodeBlock(blob.data(), reinterpret_cast<const unsigned char *>(b64.get()), static_cast<int>(text_len));
-    if (n < 0) return {};
-    for (size_t i = text_len; i > 0 && b64.get()[i - 1] == '='; --i) --n;  // padding
-    blob.resize(static_cast<size_t>(n));
-    return blob;
-}
 
 }  // namespace
 
@@ -141,7 +127,7 @@ const Curve *find_curve(std::string_view name) {
 }
 
 std::string fingerprint_sha256(EVP_PKEY *key) {
-    const std::vector<unsigned char> blob = ssh_blob(key);
+    const std::vector<unsigned char> blob = pkey::openssh::ssh_blob(key);
     if (blob.empty()) return "-";
     unsigned char digest[32];
     EVP_Digest(blob.data(), blob.size(), digest, nullptr, EVP_sha256(), nullptr);
@@ -152,7 +138,7 @@ std::string fingerprint_sha256(EVP_PKEY *key) {
 }
 
 std::string fingerprint_md5(EVP_PKEY *key) {
-    const std::vector<unsigned char> blob = ssh_blob(key);
+    const std::vector<unsigned char> blob = pkey::openssh::ssh_blob(key);
     if (blob.empty()) return "-";
     unsigned char digest[16];
     if (EVP_Digest(blob.data(), blob.size(), digest, nullptr, EVP_md5(), nullptr) != 1) return "-";
